@@ -1,0 +1,6 @@
+// Placeholder for the `meminfo` sub-command until it lands: it refuses to run rather than
+// print anything that could be mistaken for real output.
+#include "cmds/cmds.h"
+#include "parse-options/parse-options.h"
+
+int cmd_meminfo(int, const char**) { die("meminfo: not available in this build"); }

@@ -1,0 +1,17 @@
+// A process's command line as one printable line for tables and logs: the program's base name
+// and its arguments separated by blanks. Callers pass a zero-filled buffer of at least 511 bytes;
+// no terminating zero is written (the caller's zero after the text ends it).
+#pragma once
+
+#include <stddef.h>
+
+inline constexpr size_t kCmdlineBufferSize = 512;
+
+bool pid_cmdline(int pid, char* buf, size_t size);
+
+// The same from a given cmdline file, for tests.
+bool pid_cmdline_path(const char* path, char* buf, size_t size);
+
+// The same on bytes already read (at most 511 of them). `data` must have room for one more
+// byte, which is set to zero. Returns the text length in *len.
+bool pid_cmdline_bytes(char* data, size_t n, char* buf, size_t* len);

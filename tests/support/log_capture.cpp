@@ -1,0 +1,43 @@
+// Test backend of __android_log_print: keeps every message for the tests to read.
+#include "tests/support/log_capture.h"
+
+#include <stdarg.h>
+#include <stdio.h>
+
+#include <mutex>
+
+#include "platform/log.h"
+
+namespace kestrel_test {
+namespace {
+
+std::mutex g_mutex;
+std::vector<LogLine>& lines() {
+  static std::vector<LogLine> v;
+  return v;
+}
+
+}  // namespace
+
+std::vector<LogLine> logged() {
+  std::lock_guard<std::mutex> lock(g_mutex);
+  return lines();
+}
+
+void clear_log() {
+  std::lock_guard<std::mutex> lock(g_mutex);
+  lines().clear();
+}
+
+}  // namespace kestrel_test
+
+extern "C" int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
+  char msg[4096];
+  va_list ap;
+  va_start(ap, fmt);
+  vsnprintf(msg, sizeof(msg), fmt, ap);
+  va_end(ap);
+  std::lock_guard<std::mutex> lock(kestrel_test::g_mutex);
+  kestrel_test::lines().push_back({prio, tag ? tag : "", msg});
+  return 1;
+}
