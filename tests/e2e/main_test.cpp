@@ -148,6 +148,18 @@ TEST(Harness, ChildPastItsTimeIsKilled) {
   EXPECT_EQ(r.status, 128 + 9);
 }
 
+TEST(Harness, PtyHasTheRequestedSize) {
+  RunOptions opts;
+  opts.simulator = false;
+  opts.pty = true;
+  opts.pty_cols = 101;
+  opts.pty_rows = 33;
+  Result r = run_program({"/bin/sh", "-c", "stty size <&1; echo done"}, opts);
+  EXPECT_EQ(r.out, "33 101\ndone\n");
+  EXPECT_EQ(r.err, "");
+  EXPECT_EQ(r.status, 0);
+}
+
 TEST(Harness, StdinReachesTheChild) {
   RunOptions opts;
   opts.simulator = false;
