@@ -1,7 +1,6 @@
 // The aging daemon's /proc/meminfo snapshot (parser and re-readable reader) and the priority
 // letters of its log file.
 #include <fcntl.h>
-#include <string.h>
 #include <unistd.h>
 
 #include <string>
@@ -12,18 +11,9 @@
 #include <gtest/gtest.h>
 
 #include "cmds/aging.h"
-#include "platform/log.h"
 #include "tests/support/log_capture.h"
 
 namespace {
-
-const std::string kFixtures = std::string(KESTREL_FIXTURES) + "/aging";
-
-std::string fixture(const std::string& name) {
-  std::string content;
-  EXPECT_TRUE(android::base::ReadFileToString(kFixtures + "/" + name, &content)) << name;
-  return content;
-}
 
 std::vector<std::string> logged_messages() {
   std::vector<std::string> messages;
@@ -31,23 +21,6 @@ std::vector<std::string> logged_messages() {
     messages.push_back(std::to_string(line.priority) + " " + line.tag + " " + line.message);
   }
   return messages;
-}
-
-TEST(MeminfoParse, FixtureFillsEveryKeyInTableOrder) {
-  meminfo mem = {};
-  ASSERT_TRUE(parse_meminfo(fixture("proc/meminfo"), &mem));
-  // GPUTotalUsed: is missing from the fixture and VmallocUsed: occurs twice.
-  const uint64_t expected[kMeminfoKeyCount] = {
-      7671548, 190420,  3092716, 4812,      2956832,   61720,  2304128, 2566076, 987232,
-      954120,  1316896, 1611956, 181420,    180208,    4194300, 3012576, 244,     0,
-      2072016, 1296364, 27100,   365012,    612920,    139932, 472988,  66656,   16664,
-      126924,  0,       0,       0,         8030072,   142381760, 263061440, 101376, 0,
-      13504,   188416,  3256,    225080,    356272,    0};
-  for (size_t i = 0; i < kMeminfoKeyCount; i++) {
-    EXPECT_EQ(mem.*kMeminfoKeys[i].field, expected[i]) << kMeminfoKeys[i].key;
-  }
-  EXPECT_STREQ(kMeminfoKeys[0].key, "MemTotal:");
-  EXPECT_STREQ(kMeminfoKeys[41].key, "GPUTotalUsed:");
 }
 
 struct ParseCase {
@@ -159,15 +132,6 @@ TEST_F(MeminfoReaderTest, MissingFileIsLogged) {
   EXPECT_FALSE(reader.Read(&content));
   EXPECT_EQ(logged_messages(),
             std::vector<std::string>{"6 kestrel-aging " + path_ + " open: No such file or directory"});
-}
-
-TEST_F(MeminfoReaderTest, ReadFailureIsLogged) {
-  kestrel_test::clear_log();
-  MeminfoReader reader(dir_.path);  // a folder opens but cannot be read
-  std::string_view content;
-  EXPECT_FALSE(reader.Read(&content));
-  EXPECT_EQ(logged_messages(), std::vector<std::string>{"6 kestrel-aging " + std::string(dir_.path) +
-                                                        " read: Is a directory"});
 }
 
 TEST(AgingLogFile, PriorityLettersAndTag) {
