@@ -294,8 +294,8 @@ void listen_device() {
   }
 }
 
-// Runs the message of every record tagged exactly "cmd" through the shell, unchecked: the
-// driver is trusted to send only what the test harness on the device asked for.
+// Runs the message of every record tagged exactly "cmd" through the shell, unchecked and with
+// the daemon's privileges: whatever can put such a record into the driver's log runs commands.
 int callback(const Entry* entry, void*) {
   if (strcmp(entry->tag, "cmd") != 0) return 0;
   aging_log(ANDROID_LOG_INFO, "cmd %s", entry->message);
