@@ -8,6 +8,18 @@
 #include "cmds/cmds.h"
 #include "parse-options/parse-options.h"
 
+// Under the leak checker the blocks kept on purpose must not be reported at exit.
+#if defined(__SANITIZE_ADDRESS__)
+#define KESTREL_LEAK_CHECKER 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(leak_sanitizer)
+#define KESTREL_LEAK_CHECKER 1
+#endif
+#endif
+#ifdef KESTREL_LEAK_CHECKER
+#include <sanitizer/lsan_interface.h>
+#endif
+
 void alloc_native_size(int mib, bool random);
 
 namespace {
@@ -79,6 +91,9 @@ void alloc_native_size(int mib, bool random) {
     if (block == nullptr) break;
     srand(static_cast<unsigned>(time(nullptr)));
     g_native_block = block;
+#ifdef KESTREL_LEAK_CHECKER
+    __lsan_ignore_object(block);
+#endif
     for (size_t i = 0; i < kBlockBytes; i++) {
       block[i] = random ? static_cast<unsigned char>(rand()) : 1;
     }
