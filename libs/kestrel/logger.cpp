@@ -4,7 +4,6 @@
 #include "libs/kestrel/logger.h"
 
 #include <errno.h>
-#include <stdio.h>
 #include <string.h>
 #include <sys/select.h>
 #include <time.h>
@@ -25,8 +24,8 @@ namespace {
 constexpr size_t kStackOutput = 1024;
 constexpr size_t kTagWidth = 8;
 
-// Splits the payload into priority, tag and message. The message may lack its zero byte; then
-// its last byte is overwritten with one, as the driver's own reader has always done.
+// Splits the payload into priority, tag and message. A message without its zero byte gets one
+// stored over its last byte, so the text never reaches past the payload.
 bool decode(user_logger_entry_compat* record, Entry* entry) {
   const size_t len = record->len;
   if (len <= 2) {
@@ -71,11 +70,46 @@ char priority_letter(int priority) {
 }
 
 // "MM-DD hh:mm:ss" of the entry's local time; empty for a time localtime cannot represent.
-void format_time(int64_t sec, char (&text)[32]) {
-  time_t t = static_cast<time_t>(sec);
-  struct tm tm;
-  text[0] = '\0';
-  if (localtime_r(&t, &tm) != nullptr) strftime(text, sizeof(text), "%m-%d %H:%M:%S", &tm);
+// Records come in bursts within one second, so the text of the last second is kept: the time
+// conversion costs more than everything else the printer does. Each thread keeps its own; a
+// change of time zone shows from the next second on.
+const char* format_time(int64_t sec) {
+  struct Cached {
+    bool valid = false;
+    int64_t sec = 0;
+    char text[32] = "";
+  };
+  thread_local Cached cached;
+  if (!cached.valid || cached.sec != sec) {
+    time_t t = static_cast<time_t>(sec);
+    struct tm tm;
+    cached.text[0] = '\0';
+    if (localtime_r(&t, &tm) != nullptr) {
+      strftime(cached.text, sizeof(cached.text), "%m-%d %H:%M:%S", &tm);
+    }
+    cached.sec = sec;
+    cached.valid = true;
+  }
+  return cached.text;
+}
+
+// Appends v as printf's "%<width>d" (pad ' ') or "%0<width>d" (pad '0') would; the printer
+// builds its header by hand because snprintf alone costs as much as the write.
+char* put_decimal(char* out, long long v, int width, char pad) {
+  char digits[24];
+  int n = 0;
+  unsigned long long u =
+      v < 0 ? 0ULL - static_cast<unsigned long long>(v) : static_cast<unsigned long long>(v);
+  do {
+    digits[n++] = static_cast<char>('0' + u % 10);
+    u /= 10;
+  } while (u != 0);
+  int len = n + (v < 0 ? 1 : 0);
+  if (v < 0 && pad == '0') *out++ = '-';
+  for (; len < width; ++len) *out++ = pad;
+  if (v < 0 && pad == ' ') *out++ = '-';
+  while (n > 0) *out++ = digits[--n];
+  return out;
 }
 
 // One write per entry so that lines of concurrent writers never interleave; a short write is
@@ -103,19 +137,27 @@ int kestrel_logger_print(Format format, int fd, user_logger_entry_compat* record
   if (message_len == 0) return 0;
   const char* const message_end = message + message_len;
 
-  // The header is "%s.%03ld %5d %5d %c %-8s:". Everything before the tag is formatted once
-  // here; the tag of any length is copied in when the first line is built.
+  // The header is "%s.%03ld %5d %5d %c %-8s:". Everything before the tag is built once here;
+  // the tag of any length is copied in when the first line is built.
   char prefix[96];
   size_t prefix_len = 0;
   size_t tag_len = 0;
   size_t header_len = 0;
   if (format != FORMAT_MESSAGE) {
-    char time_text[32];
-    format_time(entry.tv_sec, time_text);
-    int n = snprintf(prefix, sizeof(prefix), "%s.%03ld %5d %5d %c ", time_text,
-                     static_cast<long>(entry.tv_nsec / 1000000), entry.pid, entry.tid,
-                     priority_letter(entry.priority));
-    prefix_len = n < 0 ? 0 : static_cast<size_t>(n);
+    const char* time_text = format_time(entry.tv_sec);
+    size_t time_len = strlen(time_text);
+    memcpy(prefix, time_text, time_len);
+    char* p = prefix + time_len;
+    *p++ = '.';
+    p = put_decimal(p, entry.tv_nsec / 1000000, 3, '0');
+    *p++ = ' ';
+    p = put_decimal(p, entry.pid, 5, ' ');
+    *p++ = ' ';
+    p = put_decimal(p, entry.tid, 5, ' ');
+    *p++ = ' ';
+    *p++ = priority_letter(entry.priority);
+    *p++ = ' ';
+    prefix_len = static_cast<size_t>(p - prefix);
     tag_len = strlen(entry.tag);
     header_len = prefix_len + std::max(tag_len, kTagWidth) + 1;
   }
@@ -153,7 +195,8 @@ int kestrel_logger_print(Format format, int fd, user_logger_entry_compat* record
       }
       pos += header_len;
     }
-    const char* nl = static_cast<const char*>(memchr(line, '\n', static_cast<size_t>(message_end - line)));
+    const char* nl =
+        static_cast<const char*>(memchr(line, '\n', static_cast<size_t>(message_end - line)));
     const char* line_end = nl != nullptr ? nl : message_end;
     memcpy(pos, line, static_cast<size_t>(line_end - line));
     pos += line_end - line;
@@ -192,7 +235,8 @@ void read_record(int fd, RecordBuffer* buf, const struct timeval* timeout) {
       return;
     }
     const int len = buf->entry()->len;
-    const int got = static_cast<int>(n & 0x7fffffff) - static_cast<int>(sizeof(user_logger_entry_compat));
+    const int got =
+        static_cast<int>(n & 0x7fffffff) - static_cast<int>(sizeof(user_logger_entry_compat));
     if (len != got) {
       die("read: unexpected length. Expected %d, got %d\n", len,
           static_cast<int>(n) - static_cast<int>(sizeof(user_logger_entry_compat)));

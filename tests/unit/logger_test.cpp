@@ -116,9 +116,11 @@ TEST_F(LoggerTest, PrintsEachMessageLineBehindItsHeader) {
       {"empty inner line keeps its header", 4, "kestrel", "a\n\nb", FORMAT_DEFAULT,
        h + "a\n" + h + "\n" + h + "b\n"},
       {"lone newline", 4, "kestrel", "\n", FORMAT_DEFAULT, h + "\n"},
-      {"verbose", 2, "kestrel", "m", FORMAT_DEFAULT, "01-02 03:04:05.006  1234  1240 V kestrel :m\n"},
+      {"verbose", 2, "kestrel", "m", FORMAT_DEFAULT,
+       "01-02 03:04:05.006  1234  1240 V kestrel :m\n"},
       {"error", 6, "kestrel", "m", FORMAT_DEFAULT, "01-02 03:04:05.006  1234  1240 E kestrel :m\n"},
-      {"silent", 8, "kestrel", "m", FORMAT_DEFAULT, "01-02 03:04:05.006  1234  1240 S kestrel :m\n"},
+      {"silent", 8, "kestrel", "m", FORMAT_DEFAULT,
+       "01-02 03:04:05.006  1234  1240 S kestrel :m\n"},
       {"below the table", 1, "kestrel", "m", FORMAT_DEFAULT,
        "01-02 03:04:05.006  1234  1240 ? kestrel :m\n"},
       {"above the table", 9, "kestrel", "m", FORMAT_DEFAULT,
@@ -148,21 +150,26 @@ TEST_F(LoggerTest, PrintsEachMessageLineBehindItsHeader) {
   EXPECT_TRUE(log_messages().empty());
 }
 
-TEST_F(LoggerTest, MillisecondsAreTruncatedAndZeroPadded) {
+TEST_F(LoggerTest, HeaderNumbersKeepTheirWidthsForAnyValue) {
   struct Case {
     int64_t sec, nsec;
+    int pid, tid;
     const char* expected;
   };
   const Case cases[] = {
-      {0, 0, "01-01 00:00:00.000  1234  1240 I t       :m\n"},
-      {kSec, 999999999, "01-02 03:04:05.999  1234  1240 I t       :m\n"},
-      {kSec, 1999999, "01-02 03:04:05.001  1234  1240 I t       :m\n"},
-      {1700000000, 42000000, "11-14 22:13:20.042  1234  1240 I t       :m\n"},
+      {0, 0, 1, 2, "01-01 00:00:00.000     1     2 I t       :m\n"},
+      {kSec, 999999999, 1234, 1240, "01-02 03:04:05.999  1234  1240 I t       :m\n"},
+      {kSec, 1999999, 1234, 1240, "01-02 03:04:05.001  1234  1240 I t       :m\n"},
+      {1700000000, 42000000, 123456, 7, "11-14 22:13:20.042 123456     7 I t       :m\n"},
+      {kSec, -5000000, -1, -2147483647 - 1, "01-02 03:04:05.-05    -1 -2147483648 I t       :m\n"},
+      {kSec, 12345000000, 2147483647, 0, "01-02 03:04:05.12345 2147483647     0 I t       :m\n"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.expected);
     RecordBuffer buf;
     fill_raw(&buf, std::string("\4t\0m\0", 5), c.sec, c.nsec);
+    buf.entry()->pid = c.pid;
+    buf.entry()->tid = c.tid;
     EXPECT_EQ(print(&buf).out, c.expected);
   }
 }
@@ -221,11 +228,13 @@ TEST_F(LoggerTest, LongOutputIsBuiltWholeAndWrittenOnce) {
   };
   const Case cases[] = {
       {"long single line", std::string(600, 'x'), 1},
-      {"many short lines", [] {
+      {"many short lines",
+       [] {
          std::string m;
          for (int i = 0; i < 300; ++i) m += static_cast<char>('a' + i % 26), m += '\n';
          return m;
-       }(), 300},
+       }(),
+       300},
       {"largest payload", std::string(kMaxPayload - 10, 'y'), 1},
   };
   for (const Case& c : cases) {
