@@ -115,6 +115,10 @@ TEST(Descriptors, LoggerKeepsOnlyTheDriver) {
       {"end of stream", {"logger"}, "log msg=x\n", 129, kEndOfStream, {kStream}},
       {"length mismatch", {"logger"}, std::string("log len=+3 msg=x\n") + kHeld, 129,
        "fatal: read: unexpected length. Expected 14, got 11\n\n", {kStream, kStream}},
+      // One read takes at most 4076 bytes, so a longer record arrives cut and fails the check.
+      {"record longer than a read", {"logger"},
+       "log msg=" + std::string(5000, 'x') + "\n" + kHeld, 129,
+       "fatal: read: unexpected length. Expected 5010, got 4044\n\n", {kStream, kStream}},
       {"no device", {"logger"}, "device absent\n", 129, "fatal: open kestrel failed\n", {}},
   });
 }
