@@ -183,8 +183,9 @@ int cmd_utils(int argc, const char** argv) {
   };
   argc = parse_options(argc, argv, options, utils_usage);
 
-  // Only the first switch given, in this order, is acted on.
-  if (elf_align) return argc > 0 ? check_elf_file(argv[0]) : check_device();
+  // Only the first switch given, in this order, is acted on. The file to check is the last
+  // argument, so that a scene number left by an ignored --set-scene is not taken for it.
+  if (elf_align) return argc > 0 ? check_elf_file(argv[argc - 1]) : check_device();
   if (set_scene || clear_scene) {
     if (argc < 1) usage_with_options(utils_usage, options);
     return set_or_clear_scene(argv[0], set_scene != 0);
