@@ -1,16 +1,10 @@
 // The ELF64 reader on images built byte by byte (well formed and damaged) and on the real ELF
-// files this test process is made of; and the whole-device alignment walk on a small tree.
-#include <dirent.h>
-#include <fcntl.h>
+// files this test process is made of; and the mount table behind the whole-device walk, which
+// the end-to-end tests walk in a sandbox.
 #include <link.h>
-#include <linux/capability.h>
 #include <stdlib.h>
-#include <sys/stat.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <functional>
@@ -19,7 +13,6 @@
 #include <vector>
 
 #include <android-base/file.h>
-#include <android-base/strings.h>
 #include <gtest/gtest.h>
 
 #include "cmds/utils.h"
@@ -145,18 +138,6 @@ TEST(Elf64Parser, RefusesDamagedFilesAndAcceptsOddButSoundOnes) {
   }
 }
 
-TEST(Elf64Parser, SaysWhichFileCannotBeOpened) {
-  TempDir dir;
-  for (ParseFn parse : kParsers) {
-    Elf64Binary bin;
-    testing::internal::CaptureStderr();
-    EXPECT_FALSE(parse(dir.path() + "/missing.so", bin));
-    EXPECT_FALSE(parse(dir.path(), bin));  // opens, but a directory is no ELF file: no message
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "Failed to open the file: " + dir.path() + "/missing.so\n");
-  }
-}
-
 TEST(Elf64ParserDeathTest, SectionNameOutsideTheStringTableAborts) {
   TempDir dir;
   std::string unterminated = elf_image(kPhdrs);  // the table loses the zero that ends ".bss"
@@ -218,69 +199,6 @@ TEST(ElfAlignScan, RootsAreTopDirectoriesOfPartitionMounts) {
   EXPECT_EQ(elf_align_roots(KESTREL_FIXTURES "/utils/mounts"),
             (std::set<std::string>{"/apex", "/odm", "/product", "/system_ext", "/vendor"}));
   EXPECT_TRUE(elf_align_roots(KESTREL_FIXTURES "/utils/no-such-mounts").empty());
-}
-
-// Runs the walk in a child process whose standard error goes to a file; as root the child first
-// gives up the capabilities that let it read any directory. Returns the child's stdout and stderr
-// with the lines of stdout sorted (the walk follows each directory's own order).
-bool scan_in_child(const TempDir& dir, std::string* out, std::string* err) {
-  std::string out_file = dir.path() + ".out", err_file = dir.path() + ".err";
-  pid_t pid = fork();
-  if (pid == 0) {
-    if (geteuid() == 0) {
-      __user_cap_header_struct hdr = {_LINUX_CAPABILITY_VERSION_3, 0};
-      __user_cap_data_struct caps[2] = {};
-      if (syscall(SYS_capget, &hdr, caps) != 0) _exit(3);
-      caps[0].effective &= ~((1u << CAP_DAC_OVERRIDE) | (1u << CAP_DAC_READ_SEARCH));
-      if (syscall(SYS_capset, &hdr, caps) != 0) _exit(3);
-    }
-    if (!freopen(err_file.c_str(), "w", stderr)) _exit(2);
-    FILE* f = fopen(out_file.c_str(), "w");
-    if (f == nullptr) _exit(2);
-    tarvo::kestrel::utils::elf_align_scan(dir.path() + "/root", f);
-    fclose(f);
-    fflush(stderr);
-    _exit(0);
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) return false;
-  EXPECT_TRUE(android::base::ReadFileToString(out_file, out));
-  EXPECT_TRUE(android::base::ReadFileToString(err_file, err));
-  unlink(out_file.c_str());
-  unlink(err_file.c_str());
-  std::vector<std::string> lines = android::base::Split(*out, "\n");
-  std::sort(lines.begin(), lines.end());
-  out->clear();
-  for (const std::string& line : lines) {
-    if (!line.empty()) *out += line + "\n";
-  }
-  return true;
-}
-
-TEST(ElfAlignScan, ListsEachShortAlignedFileOnceAndSkipsWhatItCannotRead) {
-  TempDir dir;
-  const std::string root = dir.path() + "/root";
-  dir.write("root/lib/small.so", elf_image({elf_load(4096), elf_load(4096)}));
-  dir.write("root/lib/big.so", elf_image({elf_load(16384), elf_load(65536)}));
-  dir.write("root/lib/mixed.so", elf_image({{.p_type = PT_PHDR, .p_align = 8}, elf_load(65536), elf_load(8192)}));
-  dir.write("root/bin/tool", elf_image({elf_load(4096)}));
-  dir.write("root/bin/notes.txt", "not an ELF file\n");
-  dir.write("root/bin/elf32", [] { std::string b = elf_image({elf_load(4096)}); b[EI_CLASS] = ELFCLASS32; return b; }());
-  dir.write("root/closed/hidden.so", elf_image({elf_load(4096)}));
-  dir.write("outside/far.so", elf_image({elf_load(4096)}));
-  ASSERT_EQ(symlink("lib/small.so", (root + "/link.so").c_str()), 0);
-  ASSERT_EQ(symlink("../outside", (root + "/outside").c_str()), 0);
-  ASSERT_EQ(symlink(".", (root + "/lib/loop").c_str()), 0);
-  ASSERT_EQ(chmod((root + "/closed").c_str(), 0), 0);
-
-  std::string out, err;
-  bool ran = scan_in_child(dir, &out, &err);
-  chmod((root + "/closed").c_str(), 0755);
-  if (!ran) GTEST_SKIP() << "cannot drop the capabilities that read any directory";
-  EXPECT_EQ(out, root + "/bin/tool 4096\n" + root + "/lib/mixed.so 8192\n" + root +
-                     "/lib/small.so 4096\n");
-  EXPECT_EQ(err, "error: cannot read directory " + root + "/closed: Permission denied\n");
 }
 
 }  // namespace
