@@ -70,6 +70,7 @@ TEST(MapsReader, ReadsEveryFieldAndLeavesOutTheVsyscallPage) {
   });
 }
 
+// The last line of this fixture has no newline: a file cut short still yields its last mapping.
 TEST(MapsReader, SkipsLinesThatAreNotMappingsAndReportsTheFirst) {
   kestrel_test::clear_log();
   std::string buffer;
@@ -87,13 +88,6 @@ TEST(MapsReader, SkipsLinesThatAreNotMappingsAndReportsTheFirst) {
   const std::string tail = " " + path + ":2 is not a mapping";
   EXPECT_TRUE(log[0].message.starts_with("meminfo")) << log[0].message;
   EXPECT_TRUE(log[0].message.ends_with(tail)) << log[0].message;
-}
-
-TEST(MapsReader, LastLineWithoutNewlineCounts) {
-  std::string buffer;
-  Walk w = walk(fixture("maps_no_final_newline"), buffer);
-  EXPECT_TRUE(w.ok);
-  expect_vmas(w.vmas, {{0x400000, 0x401000, 0, R, 9, "/bin/last"}});
 }
 
 TEST(MapsReader, CallbackEndsTheWalkWithoutFailing) {
@@ -117,11 +111,11 @@ TEST(MapsReader, BufferKeepsItsStorageAcrossWalks) {
   Walk first = walk(fixture("maps_sample"), buffer);
   const size_t capacity = buffer.capacity();
   const char* storage = buffer.data();
-  Walk second = walk(fixture("maps_no_final_newline"), buffer);
+  Walk second = walk(fixture("maps_malformed"), buffer);
   Walk third = walk(fixture("maps_sample"), buffer);
   EXPECT_EQ(buffer.capacity(), capacity);
   EXPECT_EQ(buffer.data(), storage);
-  ASSERT_EQ(second.vmas.size(), 1u);
+  ASSERT_EQ(second.vmas.size(), 2u);
   expect_vmas(third.vmas, first.vmas);
 }
 
