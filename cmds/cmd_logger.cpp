@@ -1,6 +1,22 @@
-// Placeholder for the `logger` sub-command until it lands: it refuses to run rather than
-// print anything that could be mistaken for real output.
+// cmd_logger.cpp: streams the driver's log to standard output, one formatted line per message
+// line, until the stream ends or a record is damaged.
+#include <unistd.h>
+
 #include "cmds/cmds.h"
+#include "libs/kestrel/logger.h"
+#include "libs/kestrel/util.h"
 #include "parse-options/parse-options.h"
 
-int cmd_logger(int, const char**) { die("logger: not available in this build"); }
+using namespace tarvo::kestrel;
+
+int cmd_logger(int, const char**) {
+  int fd = util::KestrelFd();
+  if (fd == -1) die("open kestrel failed");
+
+  logger::RecordBuffer record;
+  for (;;) {
+    logger::read_record(fd, &record, nullptr);
+    logger::kestrel_logger_print(logger::FORMAT_DEFAULT, STDOUT_FILENO, record.entry(), nullptr,
+                                 nullptr);
+  }
+}

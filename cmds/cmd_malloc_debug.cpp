@@ -1,6 +1,165 @@
-// Placeholder for the `malloc-debug` sub-command until it lands: it refuses to run rather than
-// print anything that could be mistaken for real output.
+// cmd_malloc_debug.cpp: asks a running process's allocator hook to switch debugging on or off,
+// to dump the backtraces of its allocations or to run an allocator maintenance operation. The
+// request travels as the value of one real-time signal; a dump is then followed on the driver's
+// log until the target reports its end.
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <android-base/unique_fd.h>
+
 #include "cmds/cmds.h"
+#include "libs/kestrel/logger.h"
+#include "libs/kestrel/util.h"
 #include "parse-options/parse-options.h"
 
-int cmd_malloc_debug(int, const char**) { die("malloc-debug: not available in this build"); }
+using tarvo::kestrel::logger::Entry;
+using tarvo::kestrel::logger::FORMAT_MESSAGE;
+using tarvo::kestrel::logger::kestrel_logger_print;
+using tarvo::kestrel::logger::read_record;
+using tarvo::kestrel::logger::RecordBuffer;
+
+namespace {
+
+// The request values the hook understands; the signal carries one of them.
+enum malloc_debug_request {
+  kEnable = 0,
+  kDump = 1,
+  kDisable = 2,
+  kStat = 3,
+  kPurge = 4,
+  kPurgeAll = 5,
+};
+
+// Indexed by the request value.
+constexpr const char* kRequestNames[] = {
+    "enable", "dump", "disable", "alloc-stats", "alloc-purge", "alloc-purge_all",
+};
+
+// The hook listens on this real-time signal; the number is fixed between tool and libc.
+int malloc_debug_signal() { return __libc_current_sigrtmax() - 19; }
+
+// A dump waits at most this long for each record of the target.
+constexpr time_t kDumpTimeoutSec = 5;
+
+struct dump_context {
+  struct timespec start;  // when the request was made; older records are not the dump's
+  const char* tag;
+  int pid;
+  uint8_t done;
+};
+
+// Lets through the target's records from the start second on; the hook's last record ("END..."
+// or "Dumping to file ...") ends the dump and is printed too.
+int callback(const Entry* entry, void* data) {
+  auto* ctx = static_cast<dump_context*>(data);
+  if (entry->tv_sec < static_cast<int64_t>(ctx->start.tv_sec) || entry->pid != ctx->pid) {
+    return 1;
+  }
+  if (strncmp(entry->message, "END", 3) == 0 ||
+      strncmp(entry->message, "Dumping to file", 15) == 0) {
+    ctx->done = 1;
+  }
+  return 0;
+}
+
+// Prints the target's part of the driver log until the dump ends. Never returns otherwise:
+// read_record ends the process on a time-out, end of stream or a broken record.
+int follow_dump(dump_context* ctx) {
+  int fd = tarvo::kestrel::util::KestrelFd();
+  if (fd < 0) die("open kestrel failed");
+
+  RecordBuffer buf = {};
+  for (;;) {
+    const struct timeval timeout = {.tv_sec = kDumpTimeoutSec, .tv_usec = 0};
+    read_record(fd, &buf, &timeout);
+    kestrel_logger_print(FORMAT_MESSAGE, STDOUT_FILENO, buf.entry(), callback, ctx);
+    if (ctx->done) return 0;
+  }
+}
+
+// The success line shows the program name: the cmdline's first NUL ends the text.
+void print_success(int pid, int request) {
+  char path[32];
+  snprintf(path, sizeof(path), "/proc/%d/cmdline", pid);
+  android::base::unique_fd fd(open(path, O_RDONLY | O_CLOEXEC));
+  if (fd.get() < 0) die("read cmdline failed");
+
+  char cmdline[512] = {};
+  ssize_t n = read(fd.get(), cmdline, sizeof(cmdline) - 1);
+  if (n < 0) die("read cmdline failed");
+  fd.reset();
+  cmdline[n] = '\0';
+  printf("%s:%d %s malloc debug successfully\n", cmdline, pid, kRequestNames[request]);
+}
+
+}  // namespace
+
+int cmd_malloc_debug(int argc, const char** argv) {
+  int enable = 0, dump = 0, disable = 0, purge = 0, purgeall = 0, stat = 0;
+  const option options[] = {
+      {.type = OPTION_COUNTUP, .short_name = 'e', .long_name = "enable", .value = &enable,
+       .help = "install malloc debug hook"},
+      {.type = OPTION_COUNTUP, .short_name = 'd', .long_name = "dump", .value = &dump,
+       .help = "dump backtrace of pid"},
+      {.type = OPTION_COUNTUP, .short_name = 'D', .long_name = "disable", .value = &disable,
+       .help = "disable malloc debug hook"},
+      {.type = OPTION_COUNTUP, .short_name = 'p', .long_name = "purge", .value = &purge,
+       .help = "[allocator] M_PURGE"},
+      {.type = OPTION_COUNTUP, .short_name = 'P', .long_name = "purgeall", .value = &purgeall,
+       .help = "[allocator] M_PURGE_ALL"},
+      {.type = OPTION_COUNTUP, .short_name = 's', .long_name = "stat", .value = &stat,
+       .help = "[allocator] M_LOG_STATS"},
+      {.type = OPTION_END},
+  };
+  const char* const usage[] = {"kestrel malloc-debug [options] [--] pid", nullptr};
+
+  argc = parse_options(argc, argv, options, usage);
+
+  // The first switch in this order wins; the others are ignored.
+  int request;
+  if (enable) {
+    request = kEnable;
+  } else if (dump) {
+    request = kDump;
+  } else if (disable) {
+    request = kDisable;
+  } else if (stat) {
+    request = kStat;
+  } else if (purge) {
+    request = kPurge;
+  } else if (purgeall) {
+    request = kPurgeAll;
+  } else {
+    usage_with_options(usage, options);
+  }
+  if (argc < 1) usage_with_options(usage, options);
+
+  char* end = nullptr;
+  int pid = static_cast<int>(strtol(argv[0], &end, 10));
+  if (*end != '\0') die("pid expects a numerical value");
+  if (pid < 1) die("pid need a positive value");
+
+  dump_context ctx = {.start = {}, .tag = "malloc_debug", .pid = pid, .done = 0};
+  if (request == kDump && clock_gettime(CLOCK_REALTIME, &ctx.start) != 0) {
+    die("get clock real time failed");
+  }
+
+  union sigval value = {};
+  value.sival_int = request;
+  if (sigqueue(pid, malloc_debug_signal(), value) != 0) {
+    return error("install malloc_debug failed. %s\n", strerror(errno));
+  }
+
+  if (request != kDump) {
+    print_success(pid, request);
+    return 0;
+  }
+  return follow_dump(&ctx);
+}

@@ -1,6 +1,6 @@
 // mallopt for the configuration report. bionic understands the decay, purge and statistics
-// parameters and the vendor allocator's own; glibc does not, and answers 0 for every one of
-// them, which is what a device whose allocator lacks a parameter reports too.
+// parameters and the vendor allocator's own; glibc knows none of them and answers 1 for each
+// (its "nothing went wrong"), and AddressSanitizer's allocator answers 0.
 #include "platform/mallopt.h"
 
 #include <malloc.h>

@@ -39,9 +39,10 @@ using EntryCallback = int (*)(const Entry* entry, void* data);
 int kestrel_logger_print(Format format, int fd, user_logger_entry_compat* entry,
                          EntryCallback callback, void* data);
 
-// One record from the driver, with room for the zero byte after the longest payload.
+// One record from the driver, with room for the zero byte after the longest payload. It starts
+// zero-filled, so a failed first read leaves an empty record that the printer rejects.
 struct RecordBuffer {
-  alignas(user_logger_entry_compat) unsigned char bytes[kMaxRecordRead + 1];
+  alignas(user_logger_entry_compat) unsigned char bytes[kMaxRecordRead + 1] = {};
   user_logger_entry_compat* entry() { return reinterpret_cast<user_logger_entry_compat*>(bytes); }
 };
 

@@ -33,6 +33,7 @@ struct RunOptions {
 // Paths of the build under test.
 std::string kestrel_binary();
 std::string simulator_library();
+std::string simulator_wrapper();  // tools/kestrel-sim/kestrel-sim as the build copied it
 std::string fixtures_dir();
 
 // Runs `kestrel args...`.
@@ -40,6 +41,25 @@ Result run_kestrel(const std::vector<std::string>& args, const RunOptions& opts 
 
 // Runs any program the same way (argv[0] is the program path).
 Result run_program(const std::vector<std::string>& argv, const RunOptions& opts = {});
+
+// A fresh folder under /tmp, removed with everything in it when the object goes.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::string& path() const { return path_; }
+  std::string file(const std::string& name) const { return path_ + "/" + name; }
+  // Writes `content` to file(name) and returns that path.
+  std::string write(const std::string& name, const std::string& content) const;
+  // The content of file(name), or "" when it cannot be read.
+  std::string read(const std::string& name) const;
+
+ private:
+  std::string path_;
+};
 
 // A temporary root for commands that use fixed absolute paths. The host's system folders and the
 // build tree are bind-mounted read-only at their own paths; /proc is a fixture folder of plain
@@ -63,7 +83,12 @@ class Sandbox {
   void use_real_proc();
   std::string read_file(const std::string& inside) const;
 
+  // Runs `kestrel args...` inside. A scenario is written to /tmp inside the root, so trace
+  // paths in it name files inside the sandbox too (read them back with read_file). With the
+  // fixture /proc, leak detection of sanitized builds is off: it needs the real /proc/<pid>.
   Result run(const std::vector<std::string>& args, const RunOptions& opts = {});
+  // Runs any program inside (argv[0] is its path inside the sandbox).
+  Result run_program(const std::vector<std::string>& argv, const RunOptions& opts = {});
 
  private:
   std::string root_;
