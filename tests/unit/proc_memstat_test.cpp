@@ -5,9 +5,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <ostream>
 #include <random>
 #include <regex>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -42,12 +42,8 @@ void PrintTo(const WalkCase& c, std::ostream* os) { *os << c.name; }
 const WalkCase kWalkCases[] = {
     {"NativeNamesCountAsNativeHeap", "native.smaps", kStatNativeHeap, 54, 0, 42},
     {"NativeNamesCountNowhereWithOnlyJava", "native.smaps", kStatJavaHeap, 54, 0, 0},
-    {"NativeNamesWithBothHeaps", "native.smaps", kStatSmapsGroup, 54, 0, 42},
     {"JavaNamesCountAsJavaHeap", "java.smaps", kStatJavaHeap, 952, 152, 0},
-    {"JavaNamesCountNowhereWithOnlyNative", "java.smaps", kStatNativeHeap, 952, 0, 0},
-    {"JavaNamesWithBothHeaps", "java.smaps", kStatSmapsGroup, 952, 152, 0},
     {"OnlyPssClassifiesNothing", "java.smaps", kStatPss, 952, 0, 0},
-    {"OnlyPssClassifiesNothingNative", "native.smaps", kStatPss, 54, 0, 0},
     {"PssAndSwapPssRoundDownToPages", "rounding.smaps", kStatSmapsGroup, 3, 0, 0},
     {"EmptyFileKeepsDriverFigures", "empty.smaps", kStatSmapsGroup, 0, 0, 0},
 };
@@ -134,15 +130,18 @@ std::string printable(const std::string& s) {
   return out;
 }
 
-TEST(SmapsKeyScanner, MatchesSscanfOnGeneratedLines) {
+TEST(SmapsKeyScanner, MatchesSscanf) {
+  // Keys around the 63-character limit, then generated lines.
+  std::vector<std::string> lines = {
+      "Pss:", "Pss: \n", " \t\n", std::string(62, 'k') + ":  7 kB", std::string(63, 'k') + ": 7",
+      std::string(70, 'k') + ": 7"};
   // Every byte class the scanner decides on: each white space of the C locale, the key's colon,
-  // the letters the walk switches on, digits, control and high bytes.
+  // the letters the walk switches on, digits, control and high bytes. The share of blanks varies
+  // from line to line so that keys of every length turn up.
   const std::string blanks = " \t\n\v\f\r";
   const std::string others = ":PSNsw0123456789kB[]_-\x01\x1f\x7f\x80\xa0\xff";
   std::mt19937 rng(20240611);
   for (int i = 0; i < 40000; i++) {
-    // Lines between 0 and 160 bytes; the share of blanks varies so that keys of every length,
-    // many longer than 63 characters, turn up.
     size_t len = rng() % 161;
     unsigned blank_percent = rng() % 60;
     std::string line;
@@ -150,27 +149,10 @@ TEST(SmapsKeyScanner, MatchesSscanfOnGeneratedLines) {
       const std::string& pool = rng() % 100 < blank_percent ? blanks : others;
       line += pool[rng() % pool.size()];
     }
-    ASSERT_EQ(scan_fast(line.c_str()), scan_with_sscanf(line.c_str())) << printable(line);
+    lines.push_back(line);
   }
-}
-
-TEST(SmapsKeyScanner, MatchesSscanfOnSmapsLines) {
-  const char* const lines[] = {
-      "",
-      " \t\n",
-      "Pss:                   7 kB",
-      "Pss:",
-      "Pss: \n",
-      "  SwapPss:\t3 kB",
-      "Name:           [anon:dalvik-alloc space",
-      "7a00000000-7a00200000 rw-p 00000000 00:00 0",
-      "VmFlags: rd wr mr mw me ac",
-      "0123456789012345678901234567890123456789012345678901234567890:2 kB",
-      "012345678901234567890123456789012345678901234567890123456789012:  x",
-      "0123456789012345678901234567890123456789012345678901234567890123456789: 1",
-  };
-  for (const char* line : lines) {
-    EXPECT_EQ(scan_fast(line), scan_with_sscanf(line)) << printable(line);
+  for (const std::string& line : lines) {
+    ASSERT_EQ(scan_fast(line.c_str()), scan_with_sscanf(line.c_str())) << printable(line);
   }
 }
 
@@ -208,9 +190,6 @@ const RequestCase kRequestCases[] = {
     {"PidRejectsMaskWithoutMeaningfulBit",
      [](ProcMemStatHelper& h) { return ProcMemStat::PidMemStat(h, 0x40000, 1); }, false,
      {"proc-memstat.cpp:N Invalid argument flag 0x40000\n"}},
-    {"SizeRejectsEmptyMask",
-     [](ProcMemStatHelper& h) { return ProcMemStat::SizeMemStats(h, 0, 10); }, false,
-     {"proc-memstat.cpp:N Invalid argument flag 0x0\n"}},
     {"UidRejectsMaskWithoutMeaningfulBit",
      [](ProcMemStatHelper& h) { return ProcMemStat::UidSizeMemStats(h, 0xfffc0000, 1000); },
      false, {"proc-memstat.cpp:N Invalid argument flag 0xfffc0000\n"}},
@@ -220,17 +199,8 @@ const RequestCase kRequestCases[] = {
     {"Size401RejectedBeforeDriver",
      [](ProcMemStatHelper& h) { return ProcMemStat::SizeMemStats(h, kStatAll, 401); }, false,
      {"proc-memstat.cpp:N Invalid size 0x401\n"}},
-    {"MaskCheckedBeforeSize",
-     [](ProcMemStatHelper& h) { return ProcMemStat::SizeMemStats(h, 0x40000, 0); }, false,
-     {"proc-memstat.cpp:N Invalid argument flag 0x40000\n"}},
     {"Size400GoesToDriver",
      [](ProcMemStatHelper& h) { return ProcMemStat::SizeMemStats(h, kStatAll, 400); }, true,
-     {kNoDevice, kInitFailed}},
-    {"Size1GoesToDriver",
-     [](ProcMemStatHelper& h) { return ProcMemStat::SizeMemStats(h, kStatPid, 1); }, true,
-     {kNoDevice, kInitFailed}},
-    {"PidWithoutDriverFailsInit",
-     [](ProcMemStatHelper& h) { return ProcMemStat::PidMemStat(h, kStatAll, 1); }, true,
      {kNoDevice, kInitFailed}},
     {"UidWithoutDriverFailsInit",
      [](ProcMemStatHelper& h) { return ProcMemStat::UidSizeMemStats(h, kStatUid, 0); }, true,
