@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/e2e/harness.h"
+#include "tests/fixtures/utils/elf_image.h"
 
 namespace kestrel_e2e {
 namespace {
@@ -22,6 +23,8 @@ namespace {
 // stream stays open (host mode, "at-end hold", or records still being fed) the simulator's own
 // end is there too and shows the same way.
 constexpr char kStream[] = "socket:unix/seqpacket cloexec";
+// The write-only device, which takes the scene requests.
+constexpr char kSceneDevice[] = "anon_inode:[eventfd] cloexec";
 constexpr char kEndOfStream[] = "fatal: read: Unexpected EOF!\n\n";
 constexpr char kHeld[] = "at-end hold\n";
 
@@ -58,6 +61,16 @@ void expect_ending(const Ending& e, const Result& r, const std::vector<std::stri
   std::vector<std::string> want = e.kept;
   std::sort(want.begin(), want.end());
   EXPECT_EQ(kept, want);
+}
+
+// Runs one ending inside `box`, whose files the caller laid out.
+void run_in_sandbox(Sandbox& box, const Ending& e) {
+  SCOPED_TRACE(e.name);
+  RunOptions opts;
+  opts.scenario = e.scenario;
+  opts.env = {"KESTREL_SIM_FD_REPORT=/tmp/fds"};
+  Result r = box.run(e.args, opts);
+  expect_ending(e, r, report_of(box.host_path("/tmp/fds")));
 }
 
 void run_on_host(const std::vector<Ending>& endings) {
@@ -183,16 +196,79 @@ TEST(Descriptors, AgingKeepsTheDriverItsMeminfoReaderAndItsLogs) {
         {kStream, kStream, meminfo}}, true, false},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.ending.name);
     Sandbox box;
     if (c.meminfo) box.write_file("/proc/meminfo", "MemTotal: 1024 kB\nIonTotalUsed: 2 kB\n");
     box.make_dir(c.heapdump ? "/data/tarvo/heapdump" : "/data/tarvo");
-    RunOptions opts;
-    opts.scenario = c.ending.scenario;
-    opts.env = {"KESTREL_SIM_FD_REPORT=/tmp/fds"};
-    Result r = box.run(c.ending.args, opts);
-    expect_ending(c.ending, r, report_of(box.host_path("/tmp/fds")));
+    run_in_sandbox(box, c.ending);
   }
+}
+
+// The process table opens each process's smaps or command line for one row and closes it.
+TEST(Descriptors, MeminfoKeepsOnlyTheDriver) {
+  const std::string self = std::to_string(getpid());
+  const std::string procs = "proc pid=" + self + " uid=0 comm=self\nproc pid=4200001 comm=gone\n";
+  run_on_host({
+      {"table with heap figures", {"meminfo", "-v"}, procs, 0, "", {kStream}},
+      {"one process with its command line", {"meminfo", "-e", self}, procs, 0, "", {kStream}},
+      {"unknown pid", {"meminfo", "-p", "77"}, procs, 129, "fatal: read mem stat failed.\n",
+       {kStream}},
+      {"request refused", {"meminfo"}, "fail 0xFB02 EIO\n" + procs, 129,
+       "fatal: read mem stat failed.\n", {kStream}},
+      {"nothing read", {"meminfo"}, "version 65536\n", 129, "fatal: meminfo: read nothing.\n",
+       {kStream}},
+      {"no device", {"meminfo"}, "device absent\n", 129, "fatal: cannot get kestrel version.\n",
+       {}},
+      {"two pids", {"meminfo", "1", "2"}, procs, 129, nullptr, {kStream}},
+  });
+}
+
+// A pidfd is opened per process compacted; this test process lends its own memory.
+TEST(Descriptors, CompactKeepsNothing) {
+  run_on_host({
+      {"one process", {"compact", "--pid", std::to_string(getpid()), "--file"}, "", 0, "", {}},
+      {"vanished process", {"compact", "--pid", "4200001"}, "", 0, "", {}},
+      {"usage", {"compact", "-h"}, "", 129, nullptr, {}},
+  });
+}
+
+// The walk over every process, in a fixture /proc whose one process is gone by the time its
+// pidfd is asked for.
+TEST(Descriptors, CompactWalkKeepsNothing) {
+  KESTREL_REQUIRE_SANDBOX();
+  Sandbox box;
+  box.write_file("/proc/4200001/status", "Name:\tgone\n");
+  box.write_file("/proc/4200001/cmdline", std::string("gone\0", 5));
+  box.write_file("/proc/4200001/maps", "10000000-10001000 r--p 00000000 fe:00 7 /system/lib64/libc.so\n");
+  run_in_sandbox(box, {"walk", {"compact"}, "", 0, "error: open pid failed\n\n", {}});
+}
+
+TEST(Descriptors, UtilsKeepsOnlyTheSceneDevice) {
+  TempDir dir;
+  const std::string elf = dir.write("lib.so", kestrel_fixtures::elf_image({kestrel_fixtures::elf_load(16384)}));
+  const std::string text = dir.write("notes.txt", "not an ELF file\n");
+  const std::string not_elf = "fatal: " + text + " is not a valid elf file or file does not exit.\n";
+  run_on_host({
+      {"one file", {"utils", "--elf-align", elf}, "", 0, "error: \nVerify align pass! (^_^)\n\n", {}},
+      {"not an ELF file", {"utils", "--elf-align", text}, "", 129, not_elf.c_str(), {}},
+      {"scene", {"utils", "--set-scene", "1"}, "", 0, "", {kSceneDevice}},
+      {"scene refused", {"utils", "--clear-scene", "1"}, "fail 0xFA03 ENOTTY\n", 255,
+       "error: Failed to set: 0 scene @(>.<)@\n", {kSceneDevice}},
+      {"scene out of range", {"utils", "--set-scene", "12"}, "", 255,
+       "error: Failed to set: 1 scene @(>.<)@\n", {}},
+      {"usage", {"utils"}, "", 129, nullptr, {}},
+  });
+}
+
+TEST(Descriptors, UtilsDeviceWalkKeepsNothing) {
+  KESTREL_REQUIRE_SANDBOX();
+  Sandbox box;
+  box.write_file("/proc/mounts", "/dev/block/dm-1 /vendor erofs ro 0 0\n"
+                                 "/dev/block/dm-2 /odm erofs ro 0 0\n");
+  box.write_file("/vendor/lib64/libsmall.so",
+                 kestrel_fixtures::elf_image({kestrel_fixtures::elf_load(4096)}));
+  box.write_file("/vendor/lib64/README", "not an ELF file\n");
+  run_in_sandbox(box, {"walk", {"utils", "--elf-align"}, "", 0,
+                       "error: cannot read directory /odm: No such file or directory\n", {}});
 }
 
 }  // namespace
