@@ -3,6 +3,7 @@
 // /dev/kestrel, and the aging daemon's two logs and its /proc/meminfo reader. The simulator's
 // descriptor report lists what the program opened and still holds as it calls exit().
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -185,7 +186,7 @@ TEST(Descriptors, AgingKeepsTheDriverItsMeminfoReaderAndItsLogs) {
     Ending ending;
     bool meminfo, heapdump;
   } cases[] = {
-      {{"end of stream", {"aging"}, "log tag=cmd msg=true\nlog msg=x\n", 129, kEndOfStream,
+      {{"end of stream", {"aging"}, "log msg=x\n", 129, kEndOfStream,
         {kStream, meminfo, log, device}}, true, true},
       {{"no device", {"aging"}, "device absent\n", 129,
         "fatal: aging: kestrel dev does not exist\n", {}}, true, true},
@@ -246,10 +247,17 @@ TEST(Descriptors, UtilsKeepsOnlyTheSceneDevice) {
   TempDir dir;
   const std::string elf = dir.write("lib.so", kestrel_fixtures::elf_image({kestrel_fixtures::elf_load(16384)}));
   const std::string text = dir.write("notes.txt", "not an ELF file\n");
-  const std::string not_elf = "fatal: " + text + " is not a valid elf file or file does not exit.\n";
+  const std::string fifo = dir.file("pipe.so");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  auto not_elf = [](const std::string& path) {
+    return "fatal: " + path + " is not a valid elf file or file does not exit.\n";
+  };
+  const std::string not_elf_text = not_elf(text), not_elf_fifo = not_elf(fifo);
   run_on_host({
       {"one file", {"utils", "--elf-align", elf}, "", 0, "error: \nVerify align pass! (^_^)\n\n", {}},
-      {"not an ELF file", {"utils", "--elf-align", text}, "", 129, not_elf.c_str(), {}},
+      {"not an ELF file", {"utils", "--elf-align", text}, "", 129, not_elf_text.c_str(), {}},
+      // Nobody writes to it: opening it must not wait for a writer.
+      {"a FIFO", {"utils", "--elf-align", fifo}, "", 129, not_elf_fifo.c_str(), {}},
       {"scene", {"utils", "--set-scene", "1"}, "", 0, "", {kSceneDevice}},
       {"scene refused", {"utils", "--clear-scene", "1"}, "fail 0xFA03 ENOTTY\n", 255,
        "error: Failed to set: 0 scene @(>.<)@\n", {kSceneDevice}},
