@@ -13,7 +13,8 @@ if(NOT CMAKE_SCRIPT_MODE_FILE)
                    -DKESTREL_PREFIX=${CMAKE_CURRENT_BINARY_DIR}/install-prefix
                    -P ${CMAKE_CURRENT_LIST_FILE})
   set_tests_properties(install_gives_a_working_kestrel_and_manual_page PROPERTIES
-                       SKIP_REGULAR_EXPRESSION "skipped: no man")
+                       SKIP_REGULAR_EXPRESSION "skipped: no man"
+                       LABELS e2e)
   return()
 endif()
 cmake_minimum_required(VERSION 3.25)
