@@ -1,5 +1,4 @@
-# The stand-in target of the malloc-debug tests: a process that takes the allocator hook's
-# real-time signal and prints the request values it receives.
+# The stand-in target of the malloc-debug tests.
 add_executable(kestrel_sigtarget ${CMAKE_CURRENT_SOURCE_DIR}/support/sigtarget.cpp)
 add_dependencies(kestrel_e2e_tests kestrel_sigtarget)
 target_compile_definitions(kestrel_e2e_tests PRIVATE

@@ -1,17 +1,12 @@
 // mem-stress end to end: the progress bar block by block, the size checks, and the loop mode,
 // whose memory must really be resident while it waits.
-#include <errno.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
-#include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -20,127 +15,73 @@
 namespace kestrel_e2e {
 namespace {
 
-constexpr char kUsage[] =
-    "usage: kestrel mem-stress [options] mib\n"
-    "    -n,--native           fillin native size mib\n"
-    "    -r,--rand             fillin rand num\n"
-    "    -l,--loop             endless loop mode\n"
-    "\n";
-
-// One redraw of the bar: `full` "=" characters, the ">" (absent once the bar is full), blanks
-// to 70 columns, then the percentage.
+// One redraw: `full` "=", the ">" unless full, blanks to 70 columns, then the percentage.
 std::string bar(int full, int percent) {
   std::string line = "[" + std::string(full, '=');
   if (full < 70) line += ">" + std::string(69 - full, ' ');
   return line + "] " + std::to_string(percent) + " %\r";
 }
 
-TEST(MemStress, FillRedrawsTheBarOncePerMiB) {
+TEST(MemStress, FillsOneMiBPerBarRedrawAndRefusesBadSizes) {
+  const std::string usage =
+      "usage: kestrel mem-stress [options] mib\n"
+      "    -n,--native           fillin native size mib\n"
+      "    -r,--rand             fillin rand num\n"
+      "    -l,--loop             endless loop mode\n"
+      "\n";
   const std::string three = bar(23, 33) + bar(46, 66) + bar(70, 100) + "\nfillin native 3 Mib.\n";
-  const std::string five = bar(14, 20) + bar(28, 40) + bar(42, 60) + bar(56, 80) + bar(70, 100) +
-                           "\nfillin native 5 Mib.\n";
-  struct {
-    std::vector<std::string> args;
-    std::string out;
-  } const cases[] = {
-      {{"0"}, "\nfillin native 0 Mib.\n"},
-      {{"1"}, "[" + std::string(70, '=') + "] 100 %\r\nfillin native 1 Mib.\n"},
-      {{"3"}, three},
-      {{"-r", "3"}, three},
-      {{"-n", "3"}, three},
-      {{"-n", "3", "5"}, five},  // the plain size wins over --native
+  const struct { std::vector<std::string> args; std::string out, err; int status; } cases[] = {
+      {{"mem-stress", "0"}, "\nfillin native 0 Mib.\n", "", 0},
+      {{"mem-stress", "1"}, bar(70, 100) + "\nfillin native 1 Mib.\n", "", 0},
+      {{"mem-stress", "3"}, three, "", 0},
+      {{"mem-stress", "-r", "3"}, three, "", 0},
+      {{"mem-stress", "-n", "3"}, three, "", 0},
+      {{"mem-stress", "-n", "3", "5"},  // the plain size wins over --native
+       bar(14, 20) + bar(28, 40) + bar(42, 60) + bar(56, 80) + bar(70, 100) +
+           "\nfillin native 5 Mib.\n", "", 0},
+      {{"mem-stress"}, "", usage, 129},
+      {{"mem-stress", "1", "2"}, "", usage, 129},
+      {{"mem-stress", "3x"}, "", "fatal: native expects a numerical value\n", 129},
+      {{"mem-stress", "-2"}, "", "fatal: sz should not be a nagative value\n", 129},
+      {{"mem-stress", "-n", "-2"}, "", "fatal: sz should not be a nagative value\n", 129},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::PrintToString(c.args));
-    std::vector<std::string> args = {"mem-stress"};
-    args.insert(args.end(), c.args.begin(), c.args.end());
-    Result r = run_kestrel(args);
+    Result r = run_kestrel(c.args);
     EXPECT_EQ(r.out, c.out);
-    EXPECT_EQ(r.err, "");
-    EXPECT_EQ(r.status, 0);
-  }
-}
-
-TEST(MemStress, BadSizesAreRefused) {
-  struct {
-    std::vector<std::string> args;
-    std::string err;
-  } const cases[] = {
-      {{}, kUsage},
-      {{"-r"}, kUsage},
-      {{"1", "2"}, kUsage},
-      {{"3x"}, "fatal: native expects a numerical value\n"},
-      {{"-2"}, "fatal: sz should not be a nagative value\n"},
-      {{"-n", "-2"}, "fatal: sz should not be a nagative value\n"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(testing::PrintToString(c.args));
-    std::vector<std::string> args = {"mem-stress"};
-    args.insert(args.end(), c.args.begin(), c.args.end());
-    Result r = run_kestrel(args);
-    EXPECT_EQ(r.out, "");
     EXPECT_EQ(r.err, c.err);
-    EXPECT_EQ(r.status, 129);
+    EXPECT_EQ(r.status, c.status);
   }
 }
 
-// Resident anonymous memory of a running process in kB, from its status file; -1 if not found.
-long resident_kib(pid_t pid) {
-  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-  std::string key;
-  long value = -1;
-  while (status >> key) {
-    if (key == "RssAnon:") {
-      status >> value;
-      break;
-    }
-  }
-  return value;
-}
-
-// Resident anonymous memory (where the blocks live) of `kestrel mem-stress --loop mib` once it
-// waits, in kB; the process is then signalled and must end with status 0. The shell prints its
-// own pid and becomes kestrel, so that pid is kestrel's.
-long loop_resident_kib(int mib) {
-  const std::string command = "echo $$; exec '" + kestrel_binary() + "' mem-stress --loop " +
-                              std::to_string(mib);
-  FILE* out = popen(command.c_str(), "r");
-  if (out == nullptr) {
-    ADD_FAILURE() << "popen: " << strerror(errno);
-    return -1;
-  }
-  // A run that never reaches its wait (or never flushes the line) fails here instead of hanging.
-  constexpr int kHangGuardMs = 60000;
-  const std::string waiting_line = "endless loop...\n";
+// RssAnon in kB of `kestrel mem-stress --loop mib` once it waits (the shell prints its pid and
+// becomes kestrel); a signal then must end it with status 0. A run that never waits fails.
+long loop_rss_anon_kib(int mib) {
+  FILE* out = popen(("echo $$; exec '" + kestrel_binary() + "' mem-stress --loop " +
+                     std::to_string(mib)).c_str(), "r");
+  if (out == nullptr) return -1;
+  pollfd pfd = {fileno(out), POLLIN, 0};
   std::string seen;
-  bool waiting = false;
-  while (!waiting) {
-    pollfd ready = {fileno(out), POLLIN, 0};
-    if (poll(&ready, 1, kHangGuardMs) <= 0) break;
-    char buf[4096];
-    ssize_t n = read(fileno(out), buf, sizeof(buf));
-    if (n <= 0) break;
+  char buf[4096];
+  for (ssize_t n; !seen.ends_with("endless loop...\n") && poll(&pfd, 1, 60000) > 0 &&
+                  (n = read(pfd.fd, buf, sizeof(buf))) > 0;) {
     seen.append(buf, static_cast<size_t>(n));
-    waiting = seen.ends_with(waiting_line);
   }
-  pid_t pid = atoi(seen.c_str());
+  const pid_t pid = atoi(seen.c_str());
   long kib = -1;
-  if (waiting) kib = resident_kib(pid);
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  for (std::string key; seen.ends_with("endless loop...\n") && kib < 0 && status >> key;) {
+    if (key == "RssAnon:") status >> kib;
+  }
   if (pid > 0) kill(pid, SIGTERM);
-  int status = pclose(out);
-  EXPECT_TRUE(waiting) << "output so far: " << seen;
-  // The signal ends the wait and the command returns 0.
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+  EXPECT_EQ(pclose(out), 0) << "output: " << seen;
   return kib;
 }
 
 TEST(MemStress, LoopHoldsTheFilledMemoryUntilSignalledThenReturnsZero) {
-  constexpr int kMiB = 8;
-  long base = loop_resident_kib(0);
-  long filled = loop_resident_kib(kMiB);
-  ASSERT_GT(base, 0);
-  EXPECT_GE(filled - base, kMiB * 1024L) << "resident " << base << " kB empty, " << filled
-                                         << " kB with " << kMiB << " MiB filled";
+  const long empty = loop_rss_anon_kib(0), filled = loop_rss_anon_kib(8);
+  ASSERT_GT(empty, 0);
+  EXPECT_GE(filled - empty, 8 * 1024L) << "RssAnon " << empty << " kB, then " << filled << " kB";
 }
 
 }  // namespace

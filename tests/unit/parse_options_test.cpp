@@ -11,45 +11,23 @@
 
 namespace {
 
-using ::testing::ElementsAreArray;
 using ::testing::Eq;
 using ::testing::ExitedWithCode;
 
 const char* const kUsage[] = {"kestrel test [options]", nullptr};
 
-// A table with one option of each kind the commands use.
+// One option of each kind the commands use.
 struct Values {
-  int bits = 0;
-  int count = 0;
-  const char* str = nullptr;
-  int num = -1;
-};
-
-std::vector<option> table(Values* v) {
-  return {
-      {.type = OPTION_BIT, .short_name = 'b', .long_name = "bit", .value = &v->bits, .help = "a bit", .defval = 4},
-      {.type = OPTION_COUNTUP, .short_name = 'r', .long_name = "rand", .value = &v->count, .help = "count"},
-      {.type = OPTION_STRING, .short_name = 's', .long_name = "str", .value = &v->str, .help = "text"},
-      {.type = OPTION_INTEGER, .short_name = 'n', .long_name = "native", .value = &v->num, .help = "number"},
+  int bits = 0, count = 0, num = -1;
+  const char* str = "(none)";
+  std::vector<option> table = {
+      {.type = OPTION_BIT, .short_name = 'b', .long_name = "bit", .value = &bits, .help = "a bit", .defval = 4},
+      {.type = OPTION_COUNTUP, .short_name = 'r', .long_name = "rand", .value = &count, .help = "count"},
+      {.type = OPTION_STRING, .short_name = 's', .long_name = "str", .value = &str, .help = "text"},
+      {.type = OPTION_INTEGER, .short_name = 'n', .long_name = "native", .value = &num, .help = "number"},
       {.type = OPTION_END},
   };
-}
-
-struct Parsed {
-  int n;
-  std::vector<std::string> rest;
 };
-
-// argv[0] is the sub-command word, as the dispatcher passes it.
-Parsed parse(std::vector<const char*> args, const option* options) {
-  args.insert(args.begin(), "test");
-  int argc = static_cast<int>(args.size());
-  args.push_back(nullptr);
-  Parsed p{parse_options(argc, args.data(), options, kUsage), {}};
-  for (int i = 0; i < p.n; i++) p.rest.push_back(args[i]);
-  EXPECT_EQ(args[p.n], nullptr);
-  return p;
-}
 
 const char kTableUsage[] =
     "usage: kestrel test [options]\n"
@@ -59,126 +37,68 @@ const char kTableUsage[] =
     "    -n,--native           number\n"
     "\n";
 
-TEST(ParseOptions, StoresEachKindOfValue) {
-  struct Case {
-    std::vector<const char*> args;
-    int bits, count, num;
-    const char* str;
-  };
+// Parses as a command does (argv[0] is the sub-command word); returns the arguments left.
+std::vector<std::string> parse(std::vector<const char*> args, const option* options) {
+  args.insert(args.begin(), "test");
+  args.push_back(nullptr);
+  int n = parse_options(static_cast<int>(args.size()) - 1, args.data(), options, kUsage);
+  EXPECT_EQ(args[n], nullptr);
+  return {args.begin(), args.begin() + n};
+}
+
+TEST(ParseOptions, StoresEachKindOfValueAndStopsWhereItMust) {
+  struct Case { std::vector<const char*> args; std::vector<std::string> rest; int bits, count, num; std::string str; };
   const Case cases[] = {
-      {{"-b", "--bit"}, 4, 0, -1, nullptr},
-      {{"-r", "--rand", "-r"}, 0, 3, -1, nullptr},
-      {{"-sfoo"}, 0, 0, -1, "foo"},
-      {{"-s", "-x"}, 0, 0, -1, "-x"},  // the next argument is taken whatever it looks like
-      {{"--str=a=b"}, 0, 0, -1, "a=b"},
-      {{"--str", "bar"}, 0, 0, -1, "bar"},
-      {{"-n5"}, 0, 0, 5, nullptr},
-      {{"-n", "-12"}, 0, 0, -12, nullptr},
-      {{"--native=7"}, 0, 0, 7, nullptr},
-      {{"--native", ""}, 0, 0, 0, nullptr},  // empty text converts to 0 without error
+      {{"-b", "--bit"}, {}, 4, 0, -1, "(none)"},
+      {{"-r", "--rand", "-r"}, {}, 0, 3, -1, "(none)"},
+      {{"-sfoo"}, {}, 0, 0, -1, "foo"},
+      {{"-s", "-x"}, {}, 0, 0, -1, "-x"},  // the next argument whatever it looks like
+      {{"--str=a=b"}, {}, 0, 0, -1, "a=b"},
+      {{"--str", "bar"}, {}, 0, 0, -1, "bar"},
+      {{"-n5"}, {}, 0, 0, 5, "(none)"},
+      {{"-n", "-12"}, {}, 0, 0, -12, "(none)"},
+      {{"--native=7"}, {}, 0, 0, 7, "(none)"},
+      {{"--native", ""}, {}, 0, 0, 0, "(none)"},  // empty text converts to 0 without error
+      {{"--bit=x", "--str"}, {}, 4, 0, -1, "x"},    // a refused long value waits for the next one
+      {{}, {}, 0, 0, -1, "(none)"},
+      {{"a", "-r", "b", "--", "-r", "c"}, {"a", "b", "--", "-r", "c"}, 0, 1, -1, "(none)"},
+      {{"-", "-n", "3"}, {"-"}, 0, 0, 3, "(none)"},
+      // An unknown option stops parsing and stays an argument; long names are not abbreviated.
+      {{"--nat", "-r"}, {"--nat", "-r"}, 0, 0, -1, "(none)"},
+      {{"--native5", "-r"}, {"--native5", "-r"}, 0, 0, -1, "(none)"},
+      {{"x", "-q", "-r", "y"}, {"x", "-q", "-r", "y"}, 0, 0, -1, "(none)"},
   };
   for (const Case& c : cases) {
     Values v;
-    auto opts = table(&v);
-    Parsed p = parse(c.args, opts.data());
-    SCOPED_TRACE(c.args[0]);
-    EXPECT_EQ(p.n, 0);
-    EXPECT_EQ(v.bits, c.bits);
-    EXPECT_EQ(v.count, c.count);
-    EXPECT_EQ(v.num, c.num);
-    if (c.str == nullptr) {
-      EXPECT_EQ(v.str, nullptr);
-    } else {
-      EXPECT_STREQ(v.str, c.str);
-    }
+    SCOPED_TRACE(testing::PrintToString(c.args));
+    EXPECT_EQ(parse(c.args, v.table.data()), c.rest);
+    EXPECT_EQ(std::vector<int>({v.bits, v.count, v.num}), std::vector<int>({c.bits, c.count, c.num}));
+    EXPECT_EQ(v.str, c.str);
   }
 }
 
-TEST(ParseOptions, KeepsPlainArgumentsInOrderAndDoubleDashWithTheRest) {
-  Values v;
-  auto opts = table(&v);
-  Parsed p = parse({"a", "-r", "b", "--", "-r", "c"}, opts.data());
-  EXPECT_THAT(p.rest, ElementsAreArray({"a", "b", "--", "-r", "c"}));
-  EXPECT_EQ(v.count, 1);
-
-  Parsed dash = parse({"-", "-n", "3"}, opts.data());
-  EXPECT_THAT(dash.rest, ElementsAreArray({"-"}));
-  EXPECT_EQ(v.num, 3);
-}
-
-TEST(ParseOptions, NoArgumentsLeavesNothing) {
-  Values v;
-  auto opts = table(&v);
-  Parsed p = parse({}, opts.data());
-  EXPECT_EQ(p.n, 0);
-}
-
-TEST(ParseOptions, UnknownOptionStopsParsingAndStaysAnArgument) {
-  struct Case {
-    std::vector<const char*> args;
-    std::vector<std::string> rest;
-  };
-  const Case cases[] = {
-      {{"--nat", "-r"}, {"--nat", "-r"}},            // no abbreviations
-      {{"--native5", "-r"}, {"--native5", "-r"}},    // a long name ends on a word boundary
-      {{"x", "-q", "-r", "y"}, {"x", "-q", "-r", "y"}},
-  };
-  for (const Case& c : cases) {
-    Values v;
-    auto opts = table(&v);
-    Parsed p = parse(c.args, opts.data());
-    EXPECT_EQ(p.rest, c.rest);
-    EXPECT_EQ(v.count, 0);
-  }
-}
-
-TEST(ParseOptions, EmptyTableStopsAtAnyOption) {
-  const option none[] = {{.type = OPTION_END}};
-  Parsed p = parse({"a", "-n", "b", "--x"}, none);
-  EXPECT_THAT(p.rest, ElementsAreArray({"a", "-n", "b", "--x"}));
-  Parsed q = parse({"--long", "a"}, none);
-  EXPECT_THAT(q.rest, ElementsAreArray({"--long", "a"}));
-}
-
-TEST(ParseOptions, PendingLongValueCarriesToTheNextLongOption) {
-  Values v;
-  auto opts = table(&v);
-  Parsed p = parse({"--bit=x", "--str"}, opts.data());
-  EXPECT_EQ(p.n, 0);
-  EXPECT_EQ(v.bits, 4);
-  EXPECT_STREQ(v.str, "x");
-}
-
-TEST(ParseOptions, PrefixLongNameMatchesOnlyOnWordBoundary) {
+TEST(ParseOptions, LongNameMatchesOnlyOnWordBoundary) {
   int a = 0, ab = 0;
   const option opts[] = {
       {.type = OPTION_COUNTUP, .long_name = "a", .value = &a, .help = ""},
       {.type = OPTION_COUNTUP, .long_name = "ab", .value = &ab, .help = ""},
       {.type = OPTION_END},
   };
-  parse({"--ab", "--a"}, opts);
-  EXPECT_EQ(a, 1);
-  EXPECT_EQ(ab, 1);
+  parse({"--ab", "--a", "--ab"}, opts);
+  EXPECT_EQ(std::make_pair(a, ab), std::make_pair(1, 2));
 }
 
 TEST(ParseOptions, LeftoverTextAfterASwitchIsReportedAndParsingGoesOn) {
   Values v;
-  auto opts = table(&v);
   testing::internal::CaptureStderr();
-  Parsed p = parse({"-rX", "-n", "2", "z"}, opts.data());
+  EXPECT_EQ(parse({"-rX", "-n", "2", "z"}, v.table.data()), std::vector<std::string>{"z"});
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "error: parse_options_step.\n");
-  EXPECT_EQ(v.count, 1);
-  EXPECT_EQ(v.num, 2);
-  EXPECT_THAT(p.rest, ElementsAreArray({"z"}));
+  EXPECT_EQ(std::make_pair(v.count, v.num), std::make_pair(1, 2));
 }
 
 // Each bad command line prints its message, then the usage, and exits with 129.
 TEST(ParseOptionsDeathTest, BadValuesPrintMessageAndUsage) {
-  struct Case {
-    std::vector<const char*> args;
-    std::string message;
-  };
-  const Case cases[] = {
+  const std::pair<std::vector<const char*>, std::string> cases[] = {
       {{"-n"}, "error: switch 'n' requires a value\n"},
       {{"--native"}, "error: option 'native' requires a value\n"},
       {{"-n", "12x"}, "error: switch 'n' expects a numerical value\n"},
@@ -189,29 +109,14 @@ TEST(ParseOptionsDeathTest, BadValuesPrintMessageAndUsage) {
       {{"--help", "-r"}, ""},
       {{"-hx"}, ""},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.args[0]);
-    EXPECT_EXIT(
-        {
-          Values v;
-          auto opts = table(&v);
-          parse(c.args, opts.data());
-        },
-        ExitedWithCode(129), Eq(c.message + kTableUsage));
+  for (const auto& [args, message] : cases) {
+    Values v;
+    EXPECT_EXIT(parse(args, v.table.data()), ExitedWithCode(129), Eq(message + kTableUsage)) << args[0];
   }
-}
-
-TEST(ParseOptionsDeathTest, HelpWinsEvenWithAnEmptyTable) {
   const option none[] = {{.type = OPTION_END}};
   EXPECT_EXIT(parse({"-h"}, none), ExitedWithCode(129), Eq("usage: kestrel test [options]\n\n"));
-}
-
-TEST(ParseOptionsDeathTest, InvalidOptionTypeIsABug) {
   int x = 0;
-  const option bad[] = {
-      {.type = 4, .short_name = 'x', .value = &x, .help = ""},
-      {.type = OPTION_END},
-  };
+  const option bad[] = {{.type = 4, .short_name = 'x', .value = &x, .help = ""}, {.type = OPTION_END}};
   EXPECT_EXIT(parse({"-x"}, bad), ExitedWithCode(129),
               Eq("should not happen, someone must be hit on the forehead"));
 }
@@ -235,7 +140,6 @@ TEST(Usage, PadsHelpToColumn27AndWrapsLongNames) {
             "    -a,--abcdefghijklmnop\n"
             "                          25 wide\n"
             "\n");
-
   testing::internal::CaptureStderr();
   EXPECT_EQ(usage_with_options_internal(nullptr, opts), -1);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
@@ -246,11 +150,7 @@ TEST(Report, ErrorAndDieCutMessagesAt1023Characters) {
   testing::internal::CaptureStderr();
   EXPECT_EQ(error("%s", longer.c_str()), -1);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "error: " + longer.substr(0, 1023) + "\n");
-
-  EXPECT_EXIT(die("%s tail", longer.c_str()), ExitedWithCode(129),
-              Eq("fatal: " + longer.substr(0, 1023) + "\n"));
-  EXPECT_EXIT(die("cannot get kestrel version."), ExitedWithCode(129),
-              Eq("fatal: cannot get kestrel version.\n"));
+  EXPECT_EXIT(die("%s tail", longer.c_str()), ExitedWithCode(129), Eq("fatal: " + longer.substr(0, 1023) + "\n"));
 }
 
 TEST(TerminalSize, EnvironmentOverridesAndUnknownCountsAreNotWritten) {
@@ -258,11 +158,9 @@ TEST(TerminalSize, EnvironmentOverridesAndUnknownCountsAreNotWritten) {
   setenv("LINES", "45", 1);
   unsigned cols = 0, rows = 0;
   EXPECT_TRUE(tarvo::kestrel::term::terminal_size(&cols, &rows));
-  EXPECT_EQ(cols, 123u);
-  EXPECT_EQ(rows, 45u);
+  EXPECT_EQ(std::make_pair(cols, rows), std::make_pair(123u, 45u));
   EXPECT_TRUE(tarvo::kestrel::term::terminal_size(nullptr, nullptr));
-  unsetenv("COLUMNS");
-  unsetenv("LINES");
+  unsetenv("COLUMNS"), unsetenv("LINES");
 }
 
 }  // namespace
