@@ -1,9 +1,12 @@
 // cmd_mem_stress.cpp: fills native memory one MiB at a time so that the device comes under real
-// pressure, drawing a progress bar as it goes; can then hold the memory until killed.
+// pressure, drawing a progress bar as it goes; can then hold the memory until a signal arrives.
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <time.h>
 #include <unistd.h>
+
+#include <initializer_list>
 
 #include "cmds/cmds.h"
 #include "parse-options/parse-options.h"
@@ -46,6 +49,26 @@ void draw_bar(double filled, double mib) {
   fflush(stdout);
 }
 
+// The usual ways to stop a holding run (Ctrl-C, kill, a closed terminal) end the wait, so the
+// command returns 0 instead of dying with the signal. The signals stay blocked until the wait
+// begins: one that arrived between "endless loop..." and a plain pause() would be spent before
+// the wait and leave the process holding its memory for ever.
+void hold_until_signalled() {
+  sigset_t stop_signals, old_mask;
+  sigemptyset(&stop_signals);
+  for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&stop_signals, sig);
+  sigprocmask(SIG_BLOCK, &stop_signals, &old_mask);
+
+  struct sigaction sa = {};
+  sa.sa_handler = [](int) {};
+  sigemptyset(&sa.sa_mask);
+  for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaction(sig, &sa, nullptr);
+
+  printf("endless loop...\n");
+  fflush(stdout);
+  sigsuspend(&old_mask);  // pause() with the stop signals let through
+}
+
 }  // namespace
 
 int cmd_mem_stress(int argc, const char** argv) {
@@ -74,9 +97,7 @@ int cmd_mem_stress(int argc, const char** argv) {
 
   alloc_native_size(size, random_fill != 0);
   if (loop) {
-    printf("endless loop...\n");
-    fflush(stdout);
-    pause();
+    hold_until_signalled();
   }
   return 0;
 }

@@ -1,6 +1,219 @@
-// Placeholder for the `meminfo` sub-command until it lands: it refuses to run rather than
-// print anything that could be mistaken for real output.
-#include "cmds/cmds.h"
-#include "parse-options/parse-options.h"
+// cmd_meminfo.cpp: the per-process memory table. Asks the driver for one process, the processes
+// of one uid or the first 400 of the system, lays the figures out in fixed-width columns cut to
+// the terminal's width, and can time the fetch.
+#include <stdio.h>
+#include <stdlib.h>
+#include <time.h>
 
-int cmd_meminfo(int, const char**) { die("meminfo: not available in this build"); }
+#include <sstream>
+#include <string>
+
+#include <android-base/stringprintf.h>
+
+#include "cmds/cmds.h"
+#include "libs/kestrel/proc-memstat.h"
+#include "libs/kestrel/util.h"
+#include "parse-options/parse-options.h"
+#include "parse-options/pid_cmdline.h"
+
+using android::base::StringPrintf;
+using namespace tarvo::kestrel::memstat;
+
+namespace {
+
+const char* const meminfo_usage[] = {
+    "kestrel meminfo [options] [--] pid",
+    nullptr,
+};
+
+// Lines are not cut when standard output is not a terminal.
+constexpr unsigned kUncutWidth = 99999;
+constexpr int kTableCapacity = 400;
+
+// Fixed by cmd_meminfo before anything is printed; read by both print functions.
+unsigned g_mask;
+unsigned g_width;
+int g_cmdline;
+int g_benchmark;
+timespec g_fetch_start, g_fetch_end, g_print_end;
+
+void pid_proc_memstat(int pid);
+void print_header(std::stringstream& ss);
+void print_proc_memstat(std::stringstream& ss, const proc_ms* ms);
+void stamp(timespec* ts);
+void print_benchmark(size_t struct_bytes);
+
+}  // namespace
+
+int cmd_meminfo(int argc, const char** argv) {
+  int major = 0, minor = 0;
+  if (!tarvo::kestrel::util::KestrelVersion(major, minor)) die("cannot get kestrel version.");
+
+  g_width = kUncutWidth;
+  if (tarvo::kestrel::term::isatty(1)) {
+    unsigned columns = kUncutWidth;
+    if (!tarvo::kestrel::term::terminal_size(&columns, nullptr)) columns = kUncutWidth;
+    g_width = columns;
+  }
+
+  int pid = 0, uid = -1;
+  int common = 0, vma = 0, fd = 0, mtrack = 0, extra = 0;
+  const option options[] = {
+      {.type = OPTION_INTEGER, .short_name = 'p', .long_name = "pid", .value = &pid, .help = "pid of process. dump all processes if not given"},
+      {.type = OPTION_INTEGER, .short_name = 'u', .long_name = "uid", .value = &uid, .help = "dump processes of given uid"},
+      {.type = OPTION_COUNTUP, .short_name = 'c', .long_name = "common", .value = &common, .help = "32, uid, pid, ppid, oom, vss, anon, file, shemm, comm"},
+      {.type = OPTION_COUNTUP, .short_name = 'v', .long_name = "vma", .value = &vma, .help = "javaheap, nativeheap"},
+      {.type = OPTION_COUNTUP, .short_name = 'f', .long_name = "fd", .value = &fd, .help = "dmabuf, ashemm"},
+      {.type = OPTION_COUNTUP, .short_name = 'm', .long_name = "mtrack", .value = &mtrack, .help = "gpu"},
+      {.type = OPTION_COUNTUP, .short_name = 'e', .long_name = "extra", .value = &extra, .help = "cmdline, require root permission"},
+      {.type = OPTION_COUNTUP, .short_name = 'b', .long_name = "benchmark", .value = &g_benchmark, .help = "benchmark of fetch data"},
+      {.type = OPTION_END},
+  };
+  argc = parse_options(argc, argv, options, meminfo_usage);
+
+  if (common) g_mask |= kStatCommon;
+  if (vma) g_mask |= kStatSmapsGroup;
+  if (fd) g_mask |= kStatFdGroup;
+  if (mtrack) g_mask |= kStatGpuGroup;
+  if (g_mask == 0) g_mask = kStatAll;
+  if (extra) g_cmdline = 1;
+
+  // A positional pid wins over -p, and -p over -u.
+  if (argc > 1) usage_with_options(meminfo_usage, options);
+  if (argc == 1) {
+    char* end = nullptr;
+    pid = static_cast<int>(strtol(argv[0], &end, 10));
+    if (*end != '\0') die("pid expects a numerical value");
+    pid_proc_memstat(pid);
+    return 0;
+  }
+  if (pid != 0) {
+    pid_proc_memstat(pid);
+    return 0;
+  }
+
+  ProcMemStatHelper helper;
+  helper.capacity = kTableCapacity;
+  stamp(&g_fetch_start);
+  bool ok = uid != -1 ? ProcMemStat::UidSizeMemStats(helper, g_mask, static_cast<unsigned>(uid))
+                      : ProcMemStat::SizeMemStats(helper, g_mask, kTableCapacity);
+  if (!ok) die("read mem stat failed.");
+  stamp(&g_fetch_end);
+
+  const proc_size_msu* table = helper.size_msu;
+  if (table->count == 0) die("meminfo: read nothing.");
+  std::stringstream ss;
+  print_header(ss);
+  for (uint32_t i = 0; i < table->count; i++) print_proc_memstat(ss, &table->ms[i]);
+  print_benchmark(uid != -1 ? static_cast<size_t>(helper.capacity) * sizeof(proc_ms)
+                            : kTableCapacity * sizeof(proc_ms));
+  return 0;
+}
+
+namespace {
+
+void pid_proc_memstat(int pid) {
+  ProcMemStatHelper helper;
+  helper.capacity = kTableCapacity;
+  stamp(&g_fetch_start);
+  if (!ProcMemStat::PidMemStat(helper, g_mask, pid)) die("read mem stat failed.");
+  stamp(&g_fetch_end);
+
+  std::stringstream ss;
+  print_header(ss);
+  print_proc_memstat(ss, &helper.pid_ms->ms);
+  print_benchmark(sizeof(proc_pid_ms));
+}
+
+void stamp(timespec* ts) {
+  if (g_benchmark) clock_gettime(CLOCK_MONOTONIC, ts);
+}
+
+double elapsed_ms(const timespec& from, const timespec& to) {
+  return static_cast<double>(to.tv_sec - from.tv_sec) * 1000 +
+         static_cast<double>(to.tv_nsec - from.tv_nsec) / 1e6;
+}
+
+void print_benchmark(size_t struct_bytes) {
+  if (!g_benchmark) return;
+  stamp(&g_print_end);
+  printf("\nbenchmark: fetch data %.3f ms, total %.3f ms, struct %zu bytes\n",
+         elapsed_ms(g_fetch_start, g_fetch_end), elapsed_ms(g_fetch_start, g_print_end),
+         struct_bytes);
+}
+
+// One column of the table: its mask bit, its title and the width the title is right-aligned in,
+// and its cell. The rows are in the order of the columns, which is not the order of the bits.
+// Every cell ends with a blank; only the last column (comm or cmdline) has none.
+struct Column {
+  unsigned bit;
+  const char* title;
+  int width;
+  std::string (*cell)(const proc_ms& ms);
+};
+
+unsigned long long kib(uint32_t pages) {
+  return static_cast<unsigned long long>(pages) * tarvo::kestrel::driver::kPageKiB;
+}
+
+// clang-format off
+constexpr Column kColumns[] = {
+    {kStat32, "32", 2, [](const proc_ms& ms) { return StringPrintf("%2s ", ms.compat32 ? "Y" : "N"); }},
+    {kStatUid, "uid", 5, [](const proc_ms& ms) { return StringPrintf("%5d ", ms.uid); }},
+    {kStatPid, "pid", 5, [](const proc_ms& ms) { return StringPrintf("%5d ", ms.pid); }},
+    {kStatPpid, "ppid", 5, [](const proc_ms& ms) { return StringPrintf("%5d ", ms.ppid); }},
+    {kStatOom, "oom", 5, [](const proc_ms& ms) { return StringPrintf("%5d ", ms.oom_score_adj); }},
+    {kStatFds, "fds", 5, [](const proc_ms& ms) { return StringPrintf("%5d ", ms.fds); }},
+    {kStatVss, "vss", 9, [](const proc_ms& ms) { return StringPrintf("%9llu ", kib(ms.vss)); }},
+    {kStatAnon, "anon", 7, [](const proc_ms& ms) { return StringPrintf("%7llu ", kib(ms.anon)); }},
+    {kStatFile, "file", 7, [](const proc_ms& ms) { return StringPrintf("%7llu ", kib(ms.file)); }},
+    {kStatShmem, "shmem", 7, [](const proc_ms& ms) { return StringPrintf("%7llu ", kib(ms.shmem)); }},
+    {kStatSwap, "swap", 7, [](const proc_ms& ms) { return StringPrintf("%7llu ", kib(ms.swap)); }},
+    {kStatPss, "pss", 7, [](const proc_ms& ms) { return StringPrintf("%7llu ", kib(ms.pss)); }},
+    {kStatJavaHeap, "JHeap", 7, [](const proc_ms& ms) { return StringPrintf("%7llu ", kib(ms.java_heap)); }},
+    {kStatNativeHeap, "NHeap", 7, [](const proc_ms& ms) { return StringPrintf("%7llu ", kib(ms.native_heap)); }},
+    {kStatDmabuf, "dma-buf", 7, [](const proc_ms& ms) { return StringPrintf("%7llu ", kib(ms.dmabuf)); }},
+    {kStatAshmem, "ashmem", 7, [](const proc_ms& ms) { return StringPrintf("%7llu ", kib(ms.ashmem)); }},
+    {kStatGpu, "gpu", 7, [](const proc_ms& ms) { return StringPrintf("%7llu ", kib(ms.gpu)); }},
+};
+// clang-format on
+
+// Prints one line, cut to the line width with a final "+" when it is longer.
+void print_line(const std::string& line) {
+  if (line.size() <= g_width) {
+    puts(line.c_str());
+  } else {
+    printf("%.*s+\n", static_cast<int>(g_width - 1), line.c_str());
+  }
+}
+
+void print_header(std::stringstream& ss) {
+  ss.str("");
+  for (const Column& col : kColumns) {
+    if (g_mask & col.bit) ss << StringPrintf("%*s ", col.width, col.title);
+  }
+  // The command line replaces comm whether or not comm was asked for.
+  if (g_cmdline == 1) {
+    ss << "cmdline";
+  } else if (g_mask & kStatComm) {
+    ss << "comm";
+  }
+  print_line(ss.str());
+}
+
+void print_proc_memstat(std::stringstream& ss, const proc_ms* ms) {
+  ss.str("");
+  for (const Column& col : kColumns) {
+    if (g_mask & col.bit) ss << col.cell(*ms);
+  }
+  if (g_cmdline == 1) {
+    char cmdline[kCmdlineBufferSize] = {};
+    ss << (pid_cmdline(ms->pid, cmdline, sizeof(cmdline)) ? cmdline : "N/A");
+  } else if (g_mask & kStatComm) {
+    // comm is terminated within its 16 bytes by the driver; do not trust it to be.
+    ss << StringPrintf("%.*s", static_cast<int>(sizeof(ms->comm)), ms->comm);
+  }
+  print_line(ss.str());
+}
+
+}  // namespace

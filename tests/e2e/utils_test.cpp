@@ -1,0 +1,184 @@
+// `kestrel utils` as shipped: the alignment check of one file, of the whole device inside a
+// sandbox with its own /proc/mounts and partitions, and the scene switches against the driver
+// simulator's trace of requests.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tests/e2e/harness.h"
+#include "tests/fixtures/utils/elf_image.h"
+
+namespace {
+
+using kestrel_e2e::Result;
+using kestrel_e2e::TempDir;
+using kestrel_fixtures::elf_image;
+using kestrel_fixtures::elf_load;
+
+const std::string kPass = "error: \nVerify align pass! (^_^)\n\n";
+const std::string kFail = "\nVerify align failed! @(>.<)@\n";
+const std::string kUsage =
+    "usage: kestrel utils [options]\n"
+    "    --elf-align           \n"
+    "    --set-scene           \n"
+    "    --clear-scene         \n"
+    "\n";
+
+// A load segment whose every field is different, to see each printed in its place.
+Elf64_Phdr text_load(uint64_t align) {
+  return {.p_type = PT_LOAD, .p_flags = PF_R | PF_X, .p_offset = 0x1000, .p_vaddr = 0x201000,
+          .p_paddr = 0x301000, .p_filesz = 0x1234, .p_memsz = 0x5678, .p_align = align};
+}
+
+std::string text_block(int index, uint64_t align) {
+  return "Program Header " + std::to_string(index) + ":\n" +
+         "  Type:   0x00000001\n"
+         "  Offset: 0x0000000000001000\n"
+         "  VAddr:  0x0000000000201000\n"
+         "  PAddr:  0x0000000000301000\n"
+         "  FileSz: 0x0000000000001234\n"
+         "  MemSz:  0x0000000000005678\n"
+         "  Flags:  0x00000005\n"
+         "  Align:  " + std::to_string(align) + "\n";
+}
+
+std::string join(const std::vector<std::string>& words) {
+  std::string text;
+  for (const std::string& w : words) text += (text.empty() ? "" : " ") + w;
+  return text;
+}
+
+void expect_result(const Result& r, const std::string& out, const std::string& err, int status,
+                   const std::string& what) {
+  EXPECT_EQ(r.out, out) << what;
+  EXPECT_EQ(r.err, err) << what;
+  EXPECT_EQ(r.status, status) << what;
+}
+
+TEST(UtilsElfAlign, OneFileShowsEveryLoadHeaderAndItsVerdict) {
+  TempDir dir;
+  const Elf64_Phdr phdr = {.p_type = PT_PHDR, .p_align = 8};
+  const Elf64_Phdr interp = {.p_type = PT_INTERP, .p_align = 1};
+  std::string elf32 = elf_image({elf_load(4096)});
+  elf32[EI_CLASS] = ELFCLASS32;
+  const std::string small = dir.write("small.so", elf_image({phdr, interp, text_load(4096), text_load(4096)}));
+  const std::string big = dir.write("big.so", elf_image({text_load(16384), interp, text_load(65536)}));
+  const std::string mixed = dir.write("mixed.so", elf_image({text_load(65536), text_load(8192)}));
+  const std::string none = dir.write("none.so", elf_image({}));
+  const std::string text = dir.write("notes.txt", "#!/bin/sh\necho not an ELF file\n");
+  const std::string narrow = dir.write("elf32.so", elf32);
+  const std::string missing = dir.path() + "/missing.so";
+  auto not_elf = [](const std::string& path) {
+    return "fatal: " + path + " is not a valid elf file or file does not exit.\n";
+  };
+  struct Case {
+    std::vector<std::string> args;
+    std::string out, err;
+    int status;
+  };
+  const Case cases[] = {
+      {{"--elf-align", small}, text_block(2, 4096) + text_block(3, 4096) + kFail, "", 255},
+      {{"--elf-align", big}, text_block(0, 16384) + text_block(2, 65536), kPass, 0},
+      {{"--elf-align", mixed}, text_block(0, 65536) + text_block(1, 8192) + kFail, "", 255},
+      {{"--elf-align", none}, "", kPass, 0},
+      {{"--elf-align", "--set-scene", "3", big}, text_block(0, 16384) + text_block(2, 65536), kPass, 0},
+      {{"--elf-align", text}, "", not_elf(text), 129},
+      {{"--elf-align", narrow}, "", not_elf(narrow), 129},
+      {{"--elf-align", missing}, "", "Failed to open the file: " + missing + "\n" + not_elf(missing), 129},
+  };
+  for (const Case& c : cases) {
+    std::vector<std::string> args = {"utils"};
+    args.insert(args.end(), c.args.begin(), c.args.end());
+    expect_result(kestrel_e2e::run_kestrel(args), c.out, c.err, c.status, c.args.back());
+  }
+}
+
+// The whole-device mode walks the top directories of the partition mounts, in sorted order.
+TEST(UtilsElfAlign, DeviceWalkListsShortAlignedFilesOfPartitionsOnly) {
+  KESTREL_REQUIRE_SANDBOX();
+  kestrel_e2e::Sandbox box;
+  std::ostringstream mounts;
+  mounts << std::ifstream(kestrel_e2e::fixtures_dir() + "/utils/mounts").rdbuf();
+  box.write_file("/proc/mounts", mounts.str());
+  const std::string small = elf_image({elf_load(4096)});
+  box.write_file("/vendor/lib64/libsmall.so", small, 0755);
+  box.write_file("/vendor/lib64/libbig.so", elf_image({elf_load(16384), elf_load(65536)}));
+  box.write_file("/vendor/lib64/README", "not an ELF file\n");
+  box.write_file("/vendor/firmware_mnt/image/modem.b00", small);
+  box.write_file("/apex/com.android.vndk.v33/lib64/libvndk.so", small);
+  box.write_file("/apex/com.android.runtime/lib64/bionic/libc.so",
+                 elf_image({elf_load(65536), elf_load(8192), elf_load(4096)}));
+  box.write_file("/system_ext/lib64/libext.so", small);
+  box.make_symlink("/vendor/lib64/libsmall.so", "/product/lib64/liblink.so");
+  box.make_symlink("/vendor", "/product/vendor");
+  box.write_file("/data/vendor/lib/libdata.so", small);
+  box.write_file("/mnt/vendor/lib/libmnt.so", small);
+  // "/odm" is mounted but missing, and /vendor/secret cannot be read once root gives up the
+  // capabilities that read any directory: both are skipped with a message, the walk goes on.
+  box.write_file("/vendor/secret/libsecret.so", small);
+  ASSERT_EQ(chmod(box.host_path("/vendor/secret").c_str(), 0), 0);
+  if (access("/usr/bin/setpriv", X_OK) != 0) GTEST_SKIP() << "no setpriv to drop capabilities";
+
+  Result r = box.run_program({"/usr/bin/setpriv", "--bounding-set=-dac_override,-dac_read_search",
+                              kestrel_e2e::kestrel_binary(), "utils", "--elf-align"});
+  expect_result(r,
+                "16kB support is only required on V and later releases.\n"
+                "/apex/com.android.runtime/lib64/bionic/libc.so 8192\n"
+                "/system_ext/lib64/libext.so 4096\n"
+                "/vendor/lib64/libsmall.so 4096\n",
+                "error: cannot read directory /odm: No such file or directory\n"
+                "error: cannot read directory /vendor/secret: Permission denied\n",
+                0, "device");
+}
+
+TEST(UtilsElfAlign, DeviceWalkWithoutMountTableReportsNothing) {
+  KESTREL_REQUIRE_SANDBOX();
+  kestrel_e2e::Sandbox box;
+  box.write_file("/vendor/lib64/libsmall.so", elf_image({elf_load(4096)}));
+  Result r = box.run({"utils", "--elf-align"});
+  expect_result(r, "16kB support is only required on V and later releases.\n", "", 0, "no mounts");
+}
+
+TEST(UtilsScene, SwitchesReachTheDriverAsRequested) {
+  TempDir dir;
+  const std::string trace = dir.file("trace");
+  struct Case {
+    std::vector<std::string> args;
+    std::string scenario;
+    std::string out, err;
+    int status;
+    std::string requests;  // the simulator's trace
+  };
+  const Case cases[] = {
+      {{"--set-scene", "1"}, "", "Set: 1 scene (^_^)\n", "", 0, "open O_WRONLY\n0xFA02 scene=1\n"},
+      {{"--clear-scene", "1"}, "", "Set: 0 scene (^_^)\n", "", 0, "open O_WRONLY\n0xFA03 scene=1\n"},
+      {{"--clear-scene", "0"}, "", "Set: 0 scene (^_^)\n", "", 0, "open O_WRONLY\n0xFA03 scene=0\n"},
+      {{"--set-scene", ""}, "", "Set: 1 scene (^_^)\n", "", 0, "open O_WRONLY\n0xFA02 scene=0\n"},
+      {{"--set-scene", "--clear-scene", "1"}, "", "Set: 1 scene (^_^)\n", "", 0, "open O_WRONLY\n0xFA02 scene=1\n"},
+      {{"--set-scene", "12"}, "", "", "error: Failed to set: 1 scene @(>.<)@\n", 255, ""},
+      {{"--clear-scene", "1"}, "fail 0xFA03 ENOTTY\n", "", "error: Failed to set: 0 scene @(>.<)@\n", 255, "open O_WRONLY\n0xFA03 scene=1\n"},
+      {{"--set-scene", "1"}, "device absent\n", "", "error: Failed to set: 1 scene @(>.<)@\n", 255, "open O_WRONLY\n"},
+      {{"--set-scene", "12x"}, "", "", "fatal: native expects a numerical value\n", 129, ""},
+      {{"--set-scene"}, "", "", kUsage, 129, ""},
+      {{}, "", "", kUsage, 129, ""},
+  };
+  for (const Case& c : cases) {
+    unlink(trace.c_str());
+    std::vector<std::string> args = {"utils"};
+    args.insert(args.end(), c.args.begin(), c.args.end());
+    kestrel_e2e::RunOptions opts;
+    opts.scenario = c.scenario + "trace " + trace + "\n";
+    const std::string what = join(c.args) + " / " + c.scenario;
+    expect_result(kestrel_e2e::run_kestrel(args, opts), c.out, c.err, c.status, what);
+    EXPECT_EQ(dir.read("trace"), c.requests) << what;
+  }
+}
+
+}  // namespace
