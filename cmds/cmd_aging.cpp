@@ -34,7 +34,9 @@ constexpr char kDaemonFolderName[] = "kestrel";
 constexpr char kDaemonFolder[] = "/data/tarvo/heapdump/kestrel";
 constexpr mode_t kFolderMode = 0777;
 constexpr mode_t kFileMode = 0666;
-constexpr int kAppendFlags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC;
+// The folders are world-writable; O_NOFOLLOW keeps a link planted there from turning the
+// daemon's appends into writes to some other file.
+constexpr int kAppendFlags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW;
 
 const size_t g_page_size = getpagesize();
 

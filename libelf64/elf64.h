@@ -41,7 +41,8 @@ class Elf64Parser {
 
   // The same checks and the same answer as ParseElfFile, names included, but only the three
   // headers are kept: section contents are checked against the file and not read, and
-  // `sections` stays empty. For callers that look at the headers of many files.
+  // `sections` stays empty. For callers that look at the headers of many files, so a section
+  // name that is not terminated refuses the file here where ParseElfFile stops the program.
   static bool ParseElfHeaders(const std::string& fileName, Elf64Binary& elfBinary);
 };
 

@@ -96,6 +96,11 @@ struct StrTbl {
   uint64_t size;
 };
 
+bool NameTerminated(const StrTbl& sStrTblPtr, uint64_t nameIdx) {
+  return nameIdx < sStrTblPtr.size &&
+         memchr(&sStrTblPtr.data[nameIdx], 0, sStrTblPtr.size - nameIdx) != nullptr;
+}
+
 const char* SectionName(const StrTbl& sStrTblPtr, uint64_t nameIdx) {
   const char* st = sStrTblPtr.data;
   ELF64_CHECK(nameIdx < sStrTblPtr.size &&
@@ -160,9 +165,12 @@ bool Parse(const std::string& fileName, Elf64Binary& bin, bool loadContents) {
 
   const bool named = eh.e_shstrndx != SHN_UNDEF;
   if (!loadContents) {
-    // Names are checked all the same, so that both entry points give the same answer.
+    // Names are checked all the same, but a broken one refuses the file instead of ending the
+    // program: a walk over a whole partition must not stop at its first damaged file.
     if (named) {
-      for (const Elf64_Shdr& sh : bin.shdrs) SectionName(names, sh.sh_name);
+      for (const Elf64_Shdr& sh : bin.shdrs) {
+        if (!NameTerminated(names, sh.sh_name)) return false;
+      }
     }
     return true;
   }

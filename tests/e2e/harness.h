@@ -84,8 +84,8 @@ class Sandbox {
   std::string read_file(const std::string& inside) const;
 
   // Runs `kestrel args...` inside. A scenario is written to /tmp inside the root, so trace
-  // paths in it name files inside the sandbox too (read them back with read_file). With the
-  // fixture /proc, leak detection of sanitized builds is off: it needs the real /proc/<pid>.
+  // paths in it name files inside the sandbox too (read them back with read_file). A kestrel
+  // run directly keeps leak detection: its own /proc/<pid>/task reaches the real procfs.
   Result run(const std::vector<std::string>& args, const RunOptions& opts = {});
   // Runs any program inside (argv[0] is its path inside the sandbox).
   Result run_program(const std::vector<std::string>& argv, const RunOptions& opts = {});

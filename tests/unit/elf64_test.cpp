@@ -96,11 +96,12 @@ TEST(Elf64ParserDeathTest, RefusesDamagedFilesAndAcceptsOddButSoundOnes) {
     const std::string file = file_of(bytes);
     for (auto parse : kParsers) {
       Elf64Binary bin;
-      if (c.outcome == kAborts) {
+      if (c.outcome == kAborts && parse == Elf64Parser::ParseElfFile) {
         EXPECT_DEATH(parse(file, bin), kCheck) << c.what;
         continue;
       }
       testing::internal::CaptureStderr();
+      // The header-only walk refuses a broken name instead of aborting.
       EXPECT_EQ(parse(file, bin), c.outcome == kRead) << c.what;
       EXPECT_EQ(testing::internal::GetCapturedStderr(), "") << c.what;
       if (c.outcome == kRead) {
