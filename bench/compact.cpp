@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Compacting a process with 10,000 small anonymous mappings, measured beside a minimal loop that
 // issues the same process_madvise calls on ranges prepared in advance. The phases run one after
 // the other in each iteration so that all see the same machine, and are timed in CPU time of

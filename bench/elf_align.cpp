@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The whole-tree 16 KiB alignment scan of `kestrel utils --elf-align` over a large folder of real
 // ELF files (argument 1, default the host's multiarch library folder), against baselines measured
 // in the same run:

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Records per second through the log printer onto /dev/null, beside a bare loop that writes the
 // same raw records with one write each. The printer's cost over the write it cannot avoid is
 // reported as the ratio of the two; the goal is at most 2.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the smaps walk costs on top of reading the files: the walk over the smaps of every process
 // on this machine against a baseline, in the same run, that only reads the same files into
 // memory. A third line shows the plain getline and sscanf("%63s %n") form for comparison.

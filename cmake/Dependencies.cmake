@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Finds what the build links with. On a Linux host these are Debian packages: Android's libbase
 # (in the "android" subfolder of the multiarch library folder, whose run path is embedded),
 # tinyxml2 and threads. A device build (the NDK's toolchain file sets ANDROID) takes liblog from

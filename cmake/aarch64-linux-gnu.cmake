@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Cross-compiling for arm64 with Debian's aarch64 toolchain and the arm64 multiarch packages of
 # every dependency; test programs run under qemu-user.
 set(CMAKE_SYSTEM_NAME Linux)

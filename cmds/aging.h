@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The aging daemon's shared state and the services its kernel memory monitors use: the
 // /proc/meminfo snapshot, monitor registration, report files under the daemon folder and the
 // daemon log, which mirrors every message of the daemon into /data/tarvo/heapdump/kestrel.

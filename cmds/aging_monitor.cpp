@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // aging_monitor.cpp: the aging daemon's kernel memory monitors for dma-buf, unreclaimable slab
 // and vmalloc memory. Each probe registers its monitor and writes a first report; a report is
 // the usage taken from /proc/meminfo followed by verbatim copies of the kernel's own files.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // cmd_aging.cpp: the aging daemon. It snapshots /proc/meminfo, lays out its folders and logs
 // under /data/tarvo/heapdump/, lets the kernel memory monitors start, and then relays every
 // driver record into device.txt for ever, running the text of records tagged "cmd" in the shell.

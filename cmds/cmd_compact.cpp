@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // cmd_compact.cpp: `kestrel compact` pushes the memory of one process, or of every system
 // process, out to swap. The chosen mappings go to the kernel through process_madvise in batches;
 // on a kernel without it the process's reclaim file is asked to do the same job instead.

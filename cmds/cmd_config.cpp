@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // cmd_config.cpp: shows the device's memory configuration. --list reports the present memory
 // state of the system; --load reads this device's tier from the vendor XML file and prints the
 // chosen groups. Nothing is written: settings are only read and shown.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // cmd_logger.cpp: streams the driver's log to standard output, one formatted line per message
 // line, until the stream ends or a record is damaged.
 #include <unistd.h>

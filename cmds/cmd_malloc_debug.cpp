@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // cmd_malloc_debug.cpp: asks a running process's allocator hook to switch debugging on or off,
 // to dump the backtraces of its allocations or to run an allocator maintenance operation. The
 // request travels as the value of one real-time signal; a dump is then followed on the driver's

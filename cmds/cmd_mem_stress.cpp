@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // cmd_mem_stress.cpp: fills native memory one MiB at a time so that the device comes under real
 // pressure, drawing a progress bar as it goes; can then hold the memory until a signal arrives.
 #include <signal.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // cmd_meminfo.cpp: the per-process memory table. Asks the driver for one process, the processes
 // of one uid or the first 400 of the system, lays the figures out in fixed-width columns cut to
 // the terminal's width, and can time the fetch.

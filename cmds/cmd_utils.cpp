@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // cmd_utils.cpp: small tools gathered in one command: the driver's scene switch, and the check
 // that ELF files are built for 16 KiB pages, either one file shown header by header or every ELF
 // file on the device's partitions listed when it falls short.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The sub-command handlers of the command table. Each is called with the sub-command word as
 // argv[0] and returns the process's exit status.
 #pragma once

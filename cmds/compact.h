@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The steps of `kestrel compact` below the handler, shared with its tests: the mapping
 // selectors, the per-process collection and the batched process_madvise calls. The two system
 // calls go through `compact_syscalls`, which only tests replace.

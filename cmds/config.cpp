@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The memory configuration: defaults per RAM tier, the vendor XML file read into a Configure, its
 // printout, and the system-state report of `kestrel config --list`. Nothing here writes to the
 // system; tunables are read and shown, never applied.

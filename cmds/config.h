@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The memory configuration of one RAM tier (zram sizes and compression, swappiness, hybrid swap):
 // its built-in defaults, the tier of this device, loading it from the vendor XML file, printing
 // it, and the report of the system's present memory state behind `kestrel config --list`.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // kestrel's entry point: the table of sub-commands, the command list printed without one, and
 // the smallest sub-command, `version`.
 #include <stdio.h>

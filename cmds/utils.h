@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The whole-device half of `kestrel utils --elf-align`: which directories hold the device's
 // partitions, and the walk that lists every ELF file whose load segments are aligned for pages
 // smaller than 16 KiB. Shared with the benchmark of that walk.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // pid_cmdline's rules on the raw bytes of a cmdline file. The bytes get a buffer of exactly
 // their size plus the one byte the function may set, and the text goes to a buffer of the 511
 // bytes callers must at least provide, so any access past either is caught.

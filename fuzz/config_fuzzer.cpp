@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The memory configuration loader on arbitrary file content, read from a scratch file as the
 // config command reads the vendor file, then printed as the command prints it. The tier is fixed
 // at 8 GiB, so the seeds carry a memory_8g section.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The ELF64 reader on arbitrary files, written to a scratch file. Both entry points must give
 // the same answer and the same headers: the header-only one promises exactly that.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The driver log record printer on raw records. The input is the record as the driver would hand
 // it over: the 32-byte header, then the payload. The printer's contract is kept as every reader
 // keeps it: the record is writable, the header's length is cut to the payload bytes that came

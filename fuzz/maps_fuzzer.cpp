@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The maps reader on arbitrary file content, read from a scratch file as from /proc/<pid>/maps.
 // Each line is also parsed on its own: a line the parser accepts must read the same through the
 // conventional sscanf form of a maps line, so the hand-written number parsing can neither drop

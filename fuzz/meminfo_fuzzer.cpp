@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The /proc/meminfo parser of the aging daemon on arbitrary file content. A parse that succeeds
 // must be repeatable: parsing the same content into a record full of other values sets every
 // key it found to the same number and leaves the fields of absent keys alone.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The option parser on argument vectors made from the input: the input is cut at zero bytes into
 // arguments, as the kernel hands them to a program, and parsed against a table with every option
 // kind and against an empty table.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The smaps walk on arbitrary file content, read from a scratch file as from /proc/<pid>/smaps.
 // Each input is walked three times, asking for both heaps, for the native heap only and for the
 // Java heap only: pss must come out the same every time, and a heap that was not asked for must

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The smaps walk cuts each line into its key and value with a hand-written scanner in place of
 // sscanf("%63s %n"), which cost more than the rest of the walk. This target holds the two to the
 // same answer on any line: whether there is a key, which bytes it has (at most 63), and where the

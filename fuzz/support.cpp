@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The fuzz targets' log backend and scratch files. Every message is formatted, so that a format
 // string and its arguments that disagree show up under the sanitizers, and then dropped: a
 // fuzzer logs millions of them.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the fuzz targets share: a check that stops the run when a reader breaks one of its own
 // promises, and a scratch file for the readers that take a path instead of bytes.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The ELF64 reader: loads a file's header, program headers, section headers and sections into an
 // Elf64Binary. Only the class byte of the identification is checked (64-bit files only); every
 // table is checked against the file's size before it is allocated or read, so a damaged file ends

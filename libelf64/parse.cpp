@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The ELF64 reader. A file is read through a few positioned reads: the first page, which holds
 // the file header and, in practice, the program headers, and one window that holds the section
 // header table with the section-name string table that linkers place just before it. Every range

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The option parser used by every sub-command, with its usage printer and the error reporting
 // that all commands share. Unknown options end parsing quietly: they and everything after them
 // are left to the command as plain arguments.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The command-line frame shared by every sub-command: option tables and their parser, the usage
 // text, the process-wide error reporting (error/die, exit status 129) and the terminal size.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Turns /proc/<pid>/cmdline into "name arg arg": one open and one read of at most 511 bytes on
 // fixed stack buffers, so it is cheap enough to run for every row of a process table.
 #include "parse-options/pid_cmdline.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A process's command line as one printable line for tables and logs: the program's base name
 // and its arguments separated by blanks. Callers pass a zero-filled buffer of at least 511 bytes;
 // no terminating zero is written (the caller's zero after the text ends it).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The system log as the product code sees it: liblog's __android_log_print on a device, and on
 // any other Linux a backend of ours with the same signature that sends messages to syslog.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Host backend of __android_log_print: every message goes to the host's system log, never to the
 // terminal. The tag is kept visible as the syslog identity so messages can be told apart.
 #include <stdarg.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // mallopt for the configuration report. bionic understands the decay, purge and statistics
 // parameters and the vendor allocator's own; glibc knows none of them and answers 1 for each
 // (its "nothing went wrong"), and AddressSanitizer's allocator answers 0.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Allocator parameters: bionic's public ones, known by name on a device, which other C libraries
 // lack; there the call still goes to the allocator, which answers as it does for any unknown
 // parameter.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The maps walk: the file is read whole into the caller's buffer with large reads (procfs fills
 // as much of each read as fits, so a process with ten thousand mappings costs a handful of
 // system calls), then cut into lines and parsed in place without further allocation.

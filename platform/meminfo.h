@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A process's memory mappings, read from /proc/<pid>/maps: the `Vma` record and the walk over
 // them, under the names Android's libmeminfo gives them so that command code reads the same on
 // a device and on a Linux host. The reader is ours on every platform.

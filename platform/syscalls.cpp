@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Wrappers of pidfd_open and process_madvise: the C library's where it has them, else the raw
 // system call.
 #include "platform/syscalls.h"

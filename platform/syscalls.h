@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The process system calls of compaction, for every C library we build with: glibc has had
 // wrappers since 2.36 and bionic since API level 31; elsewhere they go through syscall().
 // Both return -1 and set errno on failure, ENOSYS included on kernels that lack them.

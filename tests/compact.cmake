@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Helper programs of the compaction tests, placed where the end-to-end tests look for them: in
 # tests/compact/ of the build tree. compact_child holds memory for kestrel to compact;
 # compact_nosys runs kestrel as on a kernel without process_madvise.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Installs the build into a fresh prefix and uses what was installed: the wrapper must find the
 # installed simulator library and the installed kestrel (which must find libbase through its
 # install run path), and man must render the installed manual page without a warning. The

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The stand-in target of the malloc-debug tests.
 add_executable(kestrel_sigtarget ${CMAKE_CURRENT_SOURCE_DIR}/support/sigtarget.cpp)
 add_dependencies(kestrel_e2e_tests kestrel_sigtarget)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Keeps docs/kestrel.1 and the option tables in cmds/ from drifting apart. Every short and long
 # name of a command's option table must appear in that command's section of the manual page
 # (".SS \"kestrel <command> ...\"", up to the next section) as \-x or \-\-long\-name, and every

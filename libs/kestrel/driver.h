@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The interface of the kestrel kernel driver (/dev/kestrel): its request numbers and every record
 // that crosses it. The layouts are fixed by the driver; the asserts below keep an arm64 build and
 // an x86_64 build from disagreeing on any size or offset.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The driver's log records: decoding one record into an Entry, printing it line by line with a
 // header per line, and reading records off the driver descriptor. Log readers match on the
 // error lines below by their line numbers, so those numbers are fixed.

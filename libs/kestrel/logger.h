@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The driver's log records: the decoded view handed to filters, the printer that formats one
 // record line by line onto a descriptor, and the one reader of records from the driver that the
 // logger command, the aging daemon and malloc-debug share.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Per-process memory statistics: the three driver requests (one pid, the first N processes, the
 // processes of one uid) and the smaps walk that adds pss and the two heap figures, which the
 // driver does not compute, to the records it returned.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Per-process memory figures: one driver request per process, per uid or for the first N
 // processes of the system, completed from /proc/<pid>/smaps for the figures the driver does not
 // compute (pss, Java heap, native heap). Failures are logged; nothing is printed here.

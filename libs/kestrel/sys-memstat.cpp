@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Slab debug control through the vendor health-information files. Log readers match these
 // messages by file and line, so every one carries its fixed line number.
 #include "libs/kestrel/sys-memstat.h"

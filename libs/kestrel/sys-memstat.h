@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The vendor kernel's kmalloc debugging switches under /proc/tarvo_healthinfo: turn the facility
 // on or off, pick the size caches it watches, and read its allocation dump. Failures are logged
 // under "kestrel" and leave errno as the failing call set it.

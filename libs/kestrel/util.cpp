@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Driver access. Both descriptors are opened once and kept for the life of the process; the
 // read-only one carries the log stream and the statistics requests, the write-only one the scene
 // requests. Interrupted opens and requests are reissued.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Access to the kestrel driver: the process-wide descriptor of /dev/kestrel, the driver's
 // interface version and the scene switch. Failures are logged; nothing is printed here.
 #pragma once

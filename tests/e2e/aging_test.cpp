@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The aging daemon end to end: the shipped binary inside the sandbox, with the driver simulator
 // feeding log records and a fixture /proc, until the record stream ends.
 #include <stdio.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // `kestrel compact` on real processes: --pid pages a child's memory out, the mappings reach the
 // kernel 1024 ranges per process_madvise call, and without process_madvise (a seccomp filter
 // here) the kind's label goes to the reclaim file of every process from the first ENOSYS on.

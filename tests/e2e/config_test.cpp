@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // `kestrel config` as a user runs it: --load on this machine's tier section, the default file
 // path inside the sandbox, usage and failure statuses, and the --list report.
 #include <fstream>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Descriptors end to end: every command, on its normal and on its failure endings, must end
 // holding no descriptor it opened beyond those it keeps on purpose: the cached descriptors of
 // /dev/kestrel, and the aging daemon's two logs and its /proc/meminfo reader. The simulator's

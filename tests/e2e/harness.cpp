@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The end-to-end harness: fork + exec of the program under test with its output collected
 // through pipes (or a pseudo-terminal), and the sandbox that gives it a root of fixture files.
 #include "tests/e2e/harness.h"

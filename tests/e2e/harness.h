@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // End-to-end harness: runs the shipped kestrel binary as a child process, optionally under the
 // driver simulator (LD_PRELOAD) with a scenario, on a pseudo-terminal, or inside a sandbox (a
 // private mount namespace and a chroot laid out with fixture files), and returns what it printed.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // `kestrel logger` under the driver simulator: the exact lines printed for the records a
 // scenario feeds, and the ways the stream ends (end of stream, a record whose length disagrees
 // with its header, no device), each with its message and status.

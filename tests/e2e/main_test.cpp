@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The dispatcher and `version`, run as the shipped binary: the command list, unknown words, the
 // driver's version through the simulator and its wrapper, and one check of the sandbox that
 // other tests rely on.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // malloc-debug end to end against a live target (a stand-in process that prints the value of each
 // real-time signal it takes): the request each switch sends, the success line, the pid checks,
 // and the dump that follows the driver's log under the simulator.

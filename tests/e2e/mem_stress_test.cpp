@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // mem-stress end to end: the progress bar block by block, the size checks, and the loop mode,
 // whose memory must really be resident while it waits.
 #include <poll.h>

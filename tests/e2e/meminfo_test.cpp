@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // `kestrel meminfo` under the driver simulator: the column groups, the choice between one pid,
 // one uid and the whole system, cutting lines to the terminal, the benchmark line and the fatal
 // messages. Outputs are compared whole.

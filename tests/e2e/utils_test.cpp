@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // `kestrel utils` as shipped: the alignment check of one file, of the whole device inside a
 // sandbox with its own /proc/mounts and partitions, and the scene switches against the driver
 // simulator's trace of requests.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A process for the compaction tests to work on:  compact_child PAGES DIR
 // It maps each page of a PAGES-page file in DIR as a mapping of its own (unmapped gaps keep the
 // kernel from merging them) and reads it, prints "ready <pid>" and holds everything until killed

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs a program as on a kernel without process_madvise: a seccomp filter makes the call fail
 // with ENOSYS, and with --pidfd-open pidfd_open too (kernels before 5.3 lack both).
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Test backend of __android_log_print: keeps every message for the tests to read.
 #include "tests/support/log_capture.h"
 

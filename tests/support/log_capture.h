@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The log backend of the test binaries: instead of syslog, every __android_log_print call is
 // kept in memory so that tests can assert the exact "file:line message" texts.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A stand-in for a process with an allocator hook: it takes the hook's real-time signal and
 // writes "value=<n>" for each request (a digit, else "?"), prints "ready" once the handler is
 // in place and exits with status 0 when its standard input reaches end of file.

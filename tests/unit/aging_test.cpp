@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The aging daemon's /proc/meminfo parser and reader, and the priority letters of its log file.
 #include <unistd.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Compaction below the command line: process_madvise batches, how the kernel's answers move them
 // on, and the mappings of each kind, with a fake kernel that records calls and answers a script.
 #include <errno.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The memory configuration: RAM tiers, loading the XML file over each tier's defaults, read_file,
 // the system-state report on fixture trees and the command's log. Printouts are proven end to end.
 #include <stdio.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The ELF64 reader on images built byte by byte (well formed and damaged) and on the real ELF
 // files this test process is made of.
 #include <link.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The driver-log printer and record reader on hand-built records: the exact lines printed, the
 // rejected and repaired records with their log lines, the filter hook, and the reader's handling
 // of records, failing reads, silence and short packets.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The maps reader on fixtures: every field of a mapping line, names with blanks, lines that are
 // not mappings, a walk its callback ends, and the caller's buffer kept from walk to walk.
 #include <stdint.h>

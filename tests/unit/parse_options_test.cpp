@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The option parser and the reporting functions: value kinds, where parsing stops, the pending
 // long value, error texts, the usage layout and the 1023-character cut.
 #include <gmock/gmock.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // pid_cmdline on crafted cmdline files: the byte rules that turn "/path/prog\0arg\0" into
 // "prog arg", the 511-byte single read, and the cases that give no command line at all.
 #include <limits.h>

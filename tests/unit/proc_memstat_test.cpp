@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The smaps walk on small fixture files, its line scanner held to sscanf("%63s %n") on generated
 // lines, and the argument checks of the three driver requests with the lines they log.
 #include <errno.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The kmalloc debug switches, run on plain files in a temporary folder standing in for
 // /proc/tarvo_healthinfo: what is written, what is left alone and the exact log lines.
 #include <linux/filter.h>

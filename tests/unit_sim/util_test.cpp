@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Driver access against the simulator. KestrelFd caches its descriptor for the life of the
 // process, so each case runs in a freshly started copy of this binary (a death test in the
 // threadsafe style) with its own scenario, and reports a transcript on standard error: what the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Descriptor report for the end-to-end tests. With KESTREL_SIM_FD_REPORT=<path> in its
 // environment, the program writes to <path>, as it ends through exit(), every descriptor it opened
 // since it started and still holds, one line each in descriptor order:

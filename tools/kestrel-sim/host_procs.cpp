@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Process records from the host's /proc, as the driver would fill them on a device. Only the
 // files behind the figures asked for are read, with one small buffer and no stream objects, so
 // a table of a few hundred processes costs a few milliseconds.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reads the scenario file format: one directive per line, '#' starts a comment (except inside a
 // log record's msg=, which runs to the end of the line).
 #include "tools/kestrel-sim/scenario.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The driver simulator's model of one device: what the scenario file asks for (or host mode's
 // defaults), and the process records it answers the statistics requests with.
 #pragma once

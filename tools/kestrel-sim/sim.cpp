@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The driver simulator: preloaded into a program, it answers /dev/kestrel as the kestrel driver
 // would, from the scenario file named by KESTREL_SIM_SCENARIO or, without one, from the host
 // itself. Every other open and ioctl goes on to the C library untouched.
