@@ -22,8 +22,8 @@
 #include <android-base/unique_fd.h>
 #include <benchmark/benchmark.h>
 
-#include "cmds/compact.h"
-#include "platform/meminfo.h"
+#include "libs/kestrel/compact.h"
+#include "libs/kestrel/maps.h"
 #include "platform/syscalls.h"
 
 namespace {
@@ -79,8 +79,9 @@ class Child {
 std::vector<std::vector<iovec>> anon_batches(pid_t pid) {
   std::vector<std::vector<iovec>> batches;
   std::string buffer;
-  android::meminfo::ProcMemInfo(pid).ForEachVmaFromMaps(
-      [&](const android::meminfo::Vma& vma) {
+  tarvo::kestrel::maps::ForEachVmaFromFile(
+      tarvo::kestrel::maps::MapsPath(pid),
+      [&](const tarvo::kestrel::maps::Vma& vma) {
         if (getAnonPageAdvice(vma) != kAdvicePageout) return true;
         if (batches.empty() || batches.back().size() == kMaxBatchRanges) batches.emplace_back();
         batches.back().push_back({reinterpret_cast<void*>(vma.start), vma.end - vma.start});
@@ -140,7 +141,7 @@ void BM_CompactVsBareCalls(benchmark::State& state) {
     const double t1 = seconds();
     raw_maps_read(child.pid(), maps_text);
     const double t2 = seconds();
-    compactProcessOrFallback(child.pid(), kCompactAnon);
+    compactProcess(child.pid(), getAnonPageAdvice);
     fflush(stdout);
     command += seconds() - t2;
     maps += t2 - t1;

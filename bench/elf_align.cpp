@@ -29,7 +29,7 @@
 #include <benchmark/benchmark.h>
 #include <elf.h>
 
-#include "cmds/utils.h"
+#include "libelf64/align.h"
 
 namespace {
 
@@ -42,7 +42,7 @@ size_t scan_once() {
   char* text = nullptr;
   size_t size = 0;
   FILE* out = open_memstream(&text, &size);
-  tarvo::kestrel::utils::elf_align_scan(g_dir, out);
+  tarvo::kestrel::elf_align::elf_align_scan(g_dir, out);
   fclose(out);
   size_t lines = std::count(text, text + size, '\n');
   free(text);
@@ -65,7 +65,7 @@ size_t script_once(const std::string& pipeline) {
     char type[16];
     if (reported || sscanf(line, " %15s", type) != 1 || strcmp(type, "LOAD") != 0) continue;
     const char* last = strrchr(line, ' ');
-    if (last != nullptr && strtoull(last + 1, nullptr, 16) < tarvo::kestrel::utils::kMinLoadAlign) {
+    if (last != nullptr && strtoull(last + 1, nullptr, 16) < tarvo::kestrel::elf_align::kMinLoadAlign) {
       offenders++;
       reported = true;
     }

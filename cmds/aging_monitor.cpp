@@ -13,7 +13,9 @@
 #include <android-base/stringprintf.h>
 #include <android-base/unique_fd.h>
 
-#include "cmds/aging.h"
+#include "cmds/aging_daemon.h"
+#include "cmds/aging_monitor.h"
+#include "libs/kestrel/kit.h"
 #include "libs/kestrel/sys-memstat.h"
 #include "platform/log.h"
 
@@ -103,10 +105,7 @@ constexpr report_layout kVmallocReport = {
 // two reports within one second share a file.
 void dump_usage(const report_layout& layout, const aging_mem_monitor* monitor) {
   char stamp[64];
-  time_t now = time(nullptr);
-  struct tm local;
-  localtime_r(&now, &local);
-  strftime(stamp, sizeof(stamp), "%m-%d-%H-%M-%S", &local);
+  tarvo::kestrel::kit::local_time(time(nullptr), "%m-%d-%H-%M-%S", stamp, sizeof(stamp));
   std::string file_name = android::base::StringPrintf("%s_%s.txt", layout.prefix, stamp);
 
   android::base::unique_fd fd(aging_open_file(monitor, file_name.c_str()));

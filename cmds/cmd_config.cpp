@@ -5,8 +5,10 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <string>
+
 #include "cmds/cmds.h"
-#include "cmds/config.h"
+#include "libs/kestrel/config.h"
 #include "parse-options/parse-options.h"
 #include "platform/log.h"
 
@@ -46,7 +48,8 @@ int load(const char* word, const char* path) {
     return -1;
   }
   Configure cfg;
-  if (load_config(path, tier, &cfg) != 0) return -1;
+  std::string err;
+  if (load_config(path, tier, &cfg, &err) != 0) return error("%s", err.c_str());
   show_config(cfg, groups->zram_opt, groups->zram0, groups->chp_zram);
   return 0;
 }
@@ -70,7 +73,7 @@ int cmd_config(int argc, const char** argv) {
   parse_options(argc, argv, options, kUsage);
 
   if (list != 0) {
-    show_system_report(total_ram_kib());
+    if (!show_system_report(total_ram_kib())) die("unsupport ram\n");
     return 0;
   }
   if (group == nullptr) usage_with_options(kUsage, options);

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "cmds/cmds.h"
+#include "cmds/driver_log.h"
 #include "libs/kestrel/logger.h"
 #include "libs/kestrel/util.h"
 #include "parse-options/parse-options.h"
@@ -16,7 +17,7 @@ int cmd_logger(int, const char**) {
 
   logger::RecordBuffer record;
   for (;;) {
-    logger::read_record(fd, &record, nullptr);
+    next_record_or_die(fd, logger::kNoTimeout, &record);
     logger::kestrel_logger_print(logger::FORMAT_DEFAULT, STDOUT_FILENO, record.entry(), nullptr,
                                  nullptr);
   }

@@ -4,7 +4,6 @@
 // request travels as the value of one real-time signal; a dump is then followed on the driver's
 // log until the target reports its end.
 #include <errno.h>
-#include <fcntl.h>
 #include <signal.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -13,17 +12,17 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <android-base/unique_fd.h>
-
 #include "cmds/cmds.h"
+#include "cmds/driver_log.h"
+#include "libs/kestrel/kit.h"
 #include "libs/kestrel/logger.h"
 #include "libs/kestrel/util.h"
 #include "parse-options/parse-options.h"
+#include "parse-options/pid_cmdline.h"
 
 using tarvo::kestrel::logger::Entry;
 using tarvo::kestrel::logger::FORMAT_MESSAGE;
 using tarvo::kestrel::logger::kestrel_logger_print;
-using tarvo::kestrel::logger::read_record;
 using tarvo::kestrel::logger::RecordBuffer;
 
 namespace {
@@ -47,7 +46,7 @@ constexpr const char* kRequestNames[] = {
 int malloc_debug_signal() { return __libc_current_sigrtmax() - 19; }
 
 // A dump waits at most this long for each record of the target.
-constexpr time_t kDumpTimeoutSec = 5;
+constexpr int kDumpTimeoutMs = 5000;
 
 struct dump_context {
   struct timespec start;  // when the request was made; older records are not the dump's
@@ -70,16 +69,15 @@ int callback(const Entry* entry, void* data) {
   return 0;
 }
 
-// Prints the target's part of the driver log until the dump ends. Never returns otherwise:
-// read_record ends the process on a time-out, end of stream or a broken record.
+// Prints the target's part of the driver log until the dump ends. Never returns otherwise: a
+// time-out, the end of the stream or a broken record ends the process.
 int follow_dump(dump_context* ctx) {
   int fd = tarvo::kestrel::util::KestrelFd();
   if (fd < 0) die("open kestrel failed");
 
   RecordBuffer buf = {};
   for (;;) {
-    const struct timeval timeout = {.tv_sec = kDumpTimeoutSec, .tv_usec = 0};
-    read_record(fd, &buf, &timeout);
+    next_record_or_die(fd, kDumpTimeoutMs, &buf);
     kestrel_logger_print(FORMAT_MESSAGE, STDOUT_FILENO, buf.entry(), callback, ctx);
     if (ctx->done) return 0;
   }
@@ -87,16 +85,8 @@ int follow_dump(dump_context* ctx) {
 
 // The success line shows the program name: the cmdline's first NUL ends the text.
 void print_success(int pid, int request) {
-  char path[32];
-  snprintf(path, sizeof(path), "/proc/%d/cmdline", pid);
-  android::base::unique_fd fd(open(path, O_RDONLY | O_CLOEXEC));
-  if (fd.get() < 0) die("read cmdline failed");
-
-  char cmdline[512] = {};
-  ssize_t n = read(fd.get(), cmdline, sizeof(cmdline) - 1);
-  if (n < 0) die("read cmdline failed");
-  fd.reset();
-  cmdline[n] = '\0';
+  char cmdline[kCmdlineBufferSize] = {};
+  if (read_pid_cmdline(pid, cmdline, sizeof(cmdline)) < 0) die("read cmdline failed");
   printf("%s:%d %s malloc debug successfully\n", cmdline, pid, kRequestNames[request]);
 }
 
@@ -142,9 +132,9 @@ int cmd_malloc_debug(int argc, const char** argv) {
   }
   if (argc < 1) usage_with_options(usage, options);
 
-  char* end = nullptr;
-  int pid = static_cast<int>(strtol(argv[0], &end, 10));
-  if (*end != '\0') die("pid expects a numerical value");
+  long number = 0;
+  if (!tarvo::kestrel::kit::parse_number(argv[0], &number)) die("pid expects a numerical value");
+  int pid = static_cast<int>(number);
   if (pid < 1) die("pid need a positive value");
 
   dump_context ctx = {.start = {}, .tag = "malloc_debug", .pid = pid, .done = 0};

@@ -12,6 +12,7 @@
 #include <android-base/stringprintf.h>
 
 #include "cmds/cmds.h"
+#include "libs/kestrel/kit.h"
 #include "libs/kestrel/proc-memstat.h"
 #include "libs/kestrel/util.h"
 #include "parse-options/parse-options.h"
@@ -31,18 +32,21 @@ const char* const meminfo_usage[] = {
 constexpr unsigned kUncutWidth = 99999;
 constexpr int kTableCapacity = 400;
 
-// Fixed by cmd_meminfo before anything is printed; read by both print functions.
-unsigned g_mask;
-unsigned g_width;
-int g_cmdline;
-int g_benchmark;
-timespec g_fetch_start, g_fetch_end, g_print_end;
+// What the command was asked to show, fixed before anything is printed, and the times of the
+// fetch when they are to be shown.
+struct Table {
+  unsigned mask = 0;
+  unsigned width = kUncutWidth;
+  bool cmdline = false;
+  int benchmark = 0;
+  timespec fetch_start = {}, fetch_end = {};
+};
 
-void pid_proc_memstat(int pid);
-void print_header(std::stringstream& ss);
-void print_proc_memstat(std::stringstream& ss, const proc_ms* ms);
-void stamp(timespec* ts);
-void print_benchmark(size_t struct_bytes);
+void pid_proc_memstat(Table& table, int pid);
+void print_header(const Table& table, std::stringstream& ss);
+void print_proc_memstat(const Table& table, std::stringstream& ss, const proc_ms* ms);
+void stamp(const Table& table, timespec* ts);
+void print_benchmark(const Table& table, size_t struct_bytes);
 
 }  // namespace
 
@@ -50,11 +54,11 @@ int cmd_meminfo(int argc, const char** argv) {
   int major = 0, minor = 0;
   if (!tarvo::kestrel::util::KestrelVersion(major, minor)) die("cannot get kestrel version.");
 
-  g_width = kUncutWidth;
+  Table t;
   if (tarvo::kestrel::term::isatty(1)) {
     unsigned columns = kUncutWidth;
     if (!tarvo::kestrel::term::terminal_size(&columns, nullptr)) columns = kUncutWidth;
-    g_width = columns;
+    t.width = columns;
   }
 
   int pid = 0, uid = -1;
@@ -67,67 +71,66 @@ int cmd_meminfo(int argc, const char** argv) {
       {.type = OPTION_COUNTUP, .short_name = 'f', .long_name = "fd", .value = &fd, .help = "dmabuf, ashemm"},
       {.type = OPTION_COUNTUP, .short_name = 'm', .long_name = "mtrack", .value = &mtrack, .help = "gpu"},
       {.type = OPTION_COUNTUP, .short_name = 'e', .long_name = "extra", .value = &extra, .help = "cmdline, require root permission"},
-      {.type = OPTION_COUNTUP, .short_name = 'b', .long_name = "benchmark", .value = &g_benchmark, .help = "benchmark of fetch data"},
+      {.type = OPTION_COUNTUP, .short_name = 'b', .long_name = "benchmark", .value = &t.benchmark, .help = "benchmark of fetch data"},
       {.type = OPTION_END},
   };
   argc = parse_options(argc, argv, options, meminfo_usage);
 
-  if (common) g_mask |= kStatCommon;
-  if (vma) g_mask |= kStatSmapsGroup;
-  if (fd) g_mask |= kStatFdGroup;
-  if (mtrack) g_mask |= kStatGpuGroup;
-  if (g_mask == 0) g_mask = kStatAll;
-  if (extra) g_cmdline = 1;
+  if (common) t.mask |= kStatCommon;
+  if (vma) t.mask |= kStatSmapsGroup;
+  if (fd) t.mask |= kStatFdGroup;
+  if (mtrack) t.mask |= kStatGpuGroup;
+  if (t.mask == 0) t.mask = kStatAll;
+  t.cmdline = extra != 0;
 
   // A positional pid wins over -p, and -p over -u.
   if (argc > 1) usage_with_options(meminfo_usage, options);
   if (argc == 1) {
-    char* end = nullptr;
-    pid = static_cast<int>(strtol(argv[0], &end, 10));
-    if (*end != '\0') die("pid expects a numerical value");
-    pid_proc_memstat(pid);
+    long number = 0;
+    if (!tarvo::kestrel::kit::parse_number(argv[0], &number)) die("pid expects a numerical value");
+    pid_proc_memstat(t, static_cast<int>(number));
     return 0;
   }
   if (pid != 0) {
-    pid_proc_memstat(pid);
+    pid_proc_memstat(t, pid);
     return 0;
   }
 
   ProcMemStatHelper helper;
   helper.capacity = kTableCapacity;
-  stamp(&g_fetch_start);
-  bool ok = uid != -1 ? ProcMemStat::UidSizeMemStats(helper, g_mask, static_cast<unsigned>(uid))
-                      : ProcMemStat::SizeMemStats(helper, g_mask, kTableCapacity);
+  stamp(t, &t.fetch_start);
+  bool ok = uid != -1 ? ProcMemStat::UidSizeMemStats(helper, t.mask, static_cast<unsigned>(uid))
+                      : ProcMemStat::SizeMemStats(helper, t.mask, kTableCapacity);
   if (!ok) die("read mem stat failed.");
-  stamp(&g_fetch_end);
+  stamp(t, &t.fetch_end);
 
   const proc_size_msu* table = helper.size_msu;
   if (table->count == 0) die("meminfo: read nothing.");
   std::stringstream ss;
-  print_header(ss);
-  for (uint32_t i = 0; i < table->count; i++) print_proc_memstat(ss, &table->ms[i]);
-  print_benchmark(uid != -1 ? static_cast<size_t>(helper.capacity) * sizeof(proc_ms)
+  print_header(t, ss);
+  for (uint32_t i = 0; i < table->count; i++) print_proc_memstat(t, ss, &table->ms[i]);
+  print_benchmark(t, uid != -1 ? static_cast<size_t>(helper.capacity) * sizeof(proc_ms)
                             : kTableCapacity * sizeof(proc_ms));
   return 0;
 }
 
 namespace {
 
-void pid_proc_memstat(int pid) {
+void pid_proc_memstat(Table& t, int pid) {
   ProcMemStatHelper helper;
   helper.capacity = kTableCapacity;
-  stamp(&g_fetch_start);
-  if (!ProcMemStat::PidMemStat(helper, g_mask, pid)) die("read mem stat failed.");
-  stamp(&g_fetch_end);
+  stamp(t, &t.fetch_start);
+  if (!ProcMemStat::PidMemStat(helper, t.mask, pid)) die("read mem stat failed.");
+  stamp(t, &t.fetch_end);
 
   std::stringstream ss;
-  print_header(ss);
-  print_proc_memstat(ss, &helper.pid_ms->ms);
-  print_benchmark(sizeof(proc_pid_ms));
+  print_header(t, ss);
+  print_proc_memstat(t, ss, &helper.pid_ms->ms);
+  print_benchmark(t, sizeof(proc_pid_ms));
 }
 
-void stamp(timespec* ts) {
-  if (g_benchmark) clock_gettime(CLOCK_MONOTONIC, ts);
+void stamp(const Table& t, timespec* ts) {
+  if (t.benchmark) clock_gettime(CLOCK_MONOTONIC, ts);
 }
 
 double elapsed_ms(const timespec& from, const timespec& to) {
@@ -135,11 +138,12 @@ double elapsed_ms(const timespec& from, const timespec& to) {
          static_cast<double>(to.tv_nsec - from.tv_nsec) / 1e6;
 }
 
-void print_benchmark(size_t struct_bytes) {
-  if (!g_benchmark) return;
-  stamp(&g_print_end);
+void print_benchmark(const Table& t, size_t struct_bytes) {
+  if (!t.benchmark) return;
+  timespec print_end = {};
+  stamp(t, &print_end);
   printf("\nbenchmark: fetch data %.3f ms, total %.3f ms, struct %zu bytes\n",
-         elapsed_ms(g_fetch_start, g_fetch_end), elapsed_ms(g_fetch_start, g_print_end),
+         elapsed_ms(t.fetch_start, t.fetch_end), elapsed_ms(t.fetch_start, print_end),
          struct_bytes);
 }
 
@@ -180,41 +184,41 @@ constexpr Column kColumns[] = {
 // clang-format on
 
 // Prints one line, cut to the line width with a final "+" when it is longer.
-void print_line(const std::string& line) {
-  if (line.size() <= g_width) {
+void print_line(const Table& t, const std::string& line) {
+  if (line.size() <= t.width) {
     puts(line.c_str());
   } else {
-    printf("%.*s+\n", static_cast<int>(g_width - 1), line.c_str());
+    printf("%.*s+\n", static_cast<int>(t.width - 1), line.c_str());
   }
 }
 
-void print_header(std::stringstream& ss) {
+void print_header(const Table& t, std::stringstream& ss) {
   ss.str("");
   for (const Column& col : kColumns) {
-    if (g_mask & col.bit) ss << StringPrintf("%*s ", col.width, col.title);
+    if (t.mask & col.bit) ss << StringPrintf("%*s ", col.width, col.title);
   }
   // The command line replaces comm whether or not comm was asked for.
-  if (g_cmdline == 1) {
+  if (t.cmdline) {
     ss << "cmdline";
-  } else if (g_mask & kStatComm) {
+  } else if (t.mask & kStatComm) {
     ss << "comm";
   }
-  print_line(ss.str());
+  print_line(t, ss.str());
 }
 
-void print_proc_memstat(std::stringstream& ss, const proc_ms* ms) {
+void print_proc_memstat(const Table& t, std::stringstream& ss, const proc_ms* ms) {
   ss.str("");
   for (const Column& col : kColumns) {
-    if (g_mask & col.bit) ss << col.cell(*ms);
+    if (t.mask & col.bit) ss << col.cell(*ms);
   }
-  if (g_cmdline == 1) {
+  if (t.cmdline) {
     char cmdline[kCmdlineBufferSize] = {};
     ss << (pid_cmdline(ms->pid, cmdline, sizeof(cmdline)) ? cmdline : "N/A");
-  } else if (g_mask & kStatComm) {
+  } else if (t.mask & kStatComm) {
     // comm is terminated within its 16 bytes by the driver; do not trust it to be.
     ss << StringPrintf("%.*s", static_cast<int>(sizeof(ms->comm)), ms->comm);
   }
-  print_line(ss.str());
+  print_line(t, ss.str());
 }
 
 }  // namespace

@@ -2,34 +2,24 @@
 // cmd_utils.cpp: small tools gathered in one command: the driver's scene switch, and the check
 // that ELF files are built for 16 KiB pages, either one file shown header by header or every ELF
 // file on the device's partitions listed when it falls short.
-#include <errno.h>
-#include <fcntl.h>
-#include <mntent.h>
 #include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
 
-#include <filesystem>
-#include <memory>
-#include <string_view>
-#include <system_error>
+#include <string>
 
 #include <android-base/properties.h>
-#include <android-base/strings.h>
-#include <android-base/unique_fd.h>
 
 #include "cmds/cmds.h"
-#include "cmds/utils.h"
+#include "libelf64/align.h"
 #include "libelf64/elf64.h"
+#include "libs/kestrel/kit.h"
 #include "libs/kestrel/util.h"
 #include "parse-options/parse-options.h"
 
 namespace {
 
-namespace fs = std::filesystem;
 using android::elf64::Elf64Binary;
 using android::elf64::Elf64Parser;
-using tarvo::kestrel::utils::kMinLoadAlign;
+using tarvo::kestrel::elf_align::kMinLoadAlign;
 
 const char* const utils_usage[] = {"kestrel utils [options]", nullptr};
 
@@ -40,9 +30,8 @@ constexpr const char* kSad = "@(>.<)@";
 constexpr int kFirst16kApiLevel = 35;
 
 int set_or_clear_scene(const char* arg, bool set) {
-  char* end = nullptr;
-  long scene = strtol(arg, &end, 10);
-  if (*end != '\0') die("native expects a numerical value");
+  long scene = 0;
+  if (!tarvo::kestrel::kit::parse_number(arg, &scene)) die("native expects a numerical value");
   // The flag is printed, not the scene number, and a clear also says "Set:".
   int flag = set ? 1 : 0;
   if (!tarvo::kestrel::util::KestrelSetOrClearScene(static_cast<unsigned long long>(scene), set)) {
@@ -90,89 +79,14 @@ int check_device() {
   } else {
     printf("16kB support is only required on V and later releases.\n");
   }
-  for (const std::string& root : tarvo::kestrel::utils::elf_align_roots()) {
-    tarvo::kestrel::utils::elf_align_scan(root, stdout);
+  for (const std::string& root : tarvo::kestrel::elf_align::elf_align_roots()) {
+    tarvo::kestrel::elf_align::elf_align_scan(
+        root, stdout, [](const std::string& message) { error("%s", message.c_str()); });
   }
   return 0;
 }
 
-// Files here are never reported: the VNDK snapshots of older releases and modem firmware are
-// built by others for their own page size.
-constexpr std::string_view kIgnoredPrefixes[] = {"/apex/com.android.vndk.v",
-                                                  "/vendor/firmware_mnt/image"};
-
-bool ignored_path(const std::string& path) {
-  for (std::string_view prefix : kIgnoredPrefixes) {
-    if (path.starts_with(prefix)) return true;
-  }
-  return false;
-}
-
-// The iterator gives up the whole walk when it cannot open a directory, so each directory is
-// tried before the walk descends into it and left out, with a message, when it cannot be read.
-bool can_descend(const fs::path& dir) {
-  android::base::unique_fd fd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (fd == -1) {
-    error("cannot read directory %s: %s", dir.c_str(), strerror(errno));
-    return false;
-  }
-  return true;
-}
-
 }  // namespace
-
-namespace tarvo::kestrel::utils {
-
-std::set<std::string> elf_align_roots(const char* mounts) {
-  // Pseudo file systems, user data and mount points of other devices hold no partition image.
-  static const std::set<std::string> kExcluded = {"/",    "/config",      "/data",
-                                                  "/data_mirror", "/dev",  "/linkerconfig",
-                                                  "/mnt", "/proc",        "/storage",
-                                                  "/sys"};
-  std::set<std::string> roots;
-  std::unique_ptr<FILE, decltype(&endmntent)> table(setmntent(mounts, "re"), endmntent);
-  if (!table) return roots;
-  while (const mntent* entry = getmntent(table.get())) {
-    std::vector<std::string> parts = android::base::Split(entry->mnt_dir, "/");
-    if (parts.size() < 2) continue;
-    std::string top = "/" + parts[1];
-    if (!kExcluded.contains(top)) roots.insert(std::move(top));
-  }
-  return roots;
-}
-
-void elf_align_scan(const std::string& root, FILE* out) {
-  std::error_code walk_ec;
-  fs::recursive_directory_iterator it(root, walk_ec);
-  if (walk_ec) {
-    error("cannot read directory %s: %s", root.c_str(), walk_ec.message().c_str());
-    return;
-  }
-  for (; it != fs::recursive_directory_iterator(); it.increment(walk_ec)) {
-    const fs::directory_entry& entry = *it;
-    std::error_code ec;
-    if (entry.is_symlink(ec)) continue;
-    if (!entry.is_regular_file(ec)) {
-      if (entry.is_directory(ec) && !can_descend(entry.path())) it.disable_recursion_pending();
-      continue;
-    }
-    const std::string& path = entry.path().native();
-    Elf64Binary binary;
-    if (!Elf64Parser::ParseElfHeaders(path, binary)) continue;
-    if (ignored_path(path)) continue;
-    for (const Elf64_Phdr& ph : binary.phdrs) {
-      if (ph.p_type == PT_LOAD && ph.p_align < kMinLoadAlign) {
-        fprintf(out, "%s %lu\n", path.c_str(), static_cast<unsigned long>(ph.p_align));
-        break;
-      }
-    }
-  }
-  // Only a directory that failed between our check and the iterator's own open (or a failed
-  // read of one) gets here; the rest of this root is lost, the other roots are still walked.
-  if (walk_ec) error("stopped walking %s: %s", root.c_str(), walk_ec.message().c_str());
-}
-
-}  // namespace tarvo::kestrel::utils
 
 int cmd_utils(int argc, const char** argv) {
   int elf_align = 0, set_scene = 0, clear_scene = 0;

@@ -4,7 +4,7 @@
 // at 8 GiB, so the seeds carry a memory_8g section.
 #include <stdio.h>
 
-#include "cmds/config.h"
+#include "libs/kestrel/config.h"
 #include "fuzz/support.h"
 
 using tarvo::kestrel::config::Configure;
@@ -16,7 +16,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   file.Write(data, size);
   Configure cfg;
-  const int ret = tarvo::kestrel::config::load_config(file.path(), kTier, &cfg);
+  std::string err;
+  const int ret = tarvo::kestrel::config::load_config(file.path(), kTier, &cfg, &err);
   FUZZ_CHECK(ret == 0 || ret == -1);
   if (ret == 0) {
     FUZZ_CHECK(cfg.ram == kTier);

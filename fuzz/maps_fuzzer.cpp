@@ -11,11 +11,11 @@
 #include <string>
 
 #include "fuzz/support.h"
-#include "platform/meminfo.h"
+#include "libs/kestrel/maps.h"
 
-using android::meminfo::ForEachVmaFromFile;
-using android::meminfo::ParseMapsLine;
-using android::meminfo::Vma;
+using tarvo::kestrel::maps::ForEachVmaFromFile;
+using tarvo::kestrel::maps::ParseMapsLine;
+using tarvo::kestrel::maps::Vma;
 
 namespace {
 

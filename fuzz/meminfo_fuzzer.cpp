@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "cmds/aging.h"
+#include "libs/kestrel/proc-meminfo.h"
 #include "fuzz/support.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

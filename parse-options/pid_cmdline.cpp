@@ -36,19 +36,36 @@ bool pid_cmdline_bytes(char* data, size_t n, char* buf, size_t* len) {
   return true;
 }
 
-bool pid_cmdline_path(const char* path, char* buf, size_t /*size*/) {
+ssize_t read_cmdline_file(const char* path, char* data, size_t size) {
   android::base::unique_fd fd(open(path, O_RDONLY | O_CLOEXEC));
-  if (fd.get() < 0) return false;
+  if (fd.get() < 0) return -1;
+  ssize_t n = read(fd.get(), data, size - 1);
+  if (n >= 0) data[n] = '\0';
+  return n;
+}
+
+namespace {
+
+void cmdline_file_of(int pid, char (&path)[32]) { snprintf(path, sizeof(path), "/proc/%d/cmdline", pid); }
+
+}  // namespace
+
+ssize_t read_pid_cmdline(int pid, char* data, size_t size) {
+  char path[32];
+  cmdline_file_of(pid, path);
+  return read_cmdline_file(path, data, size);
+}
+
+bool pid_cmdline_path(const char* path, char* buf, size_t /*size*/) {
   char data[kMaxRead + 1] = {};
-  ssize_t n = read(fd.get(), data, kMaxRead);
+  ssize_t n = read_cmdline_file(path, data, sizeof(data));
   if (n < 2) return false;
   size_t len = 0;
   return pid_cmdline_bytes(data, static_cast<size_t>(n), buf, &len);
 }
 
 bool pid_cmdline(int pid, char* buf, size_t size) {
-  char path[256] = {};
-  int n = snprintf(path, sizeof(path), "/proc/%d/cmdline", pid);
-  if (n < 0 || static_cast<size_t>(n) >= sizeof(path)) return false;
+  char path[32];
+  cmdline_file_of(pid, path);
   return pid_cmdline_path(path, buf, size);
 }

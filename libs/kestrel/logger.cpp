@@ -5,8 +5,8 @@
 #include "libs/kestrel/logger.h"
 
 #include <errno.h>
+#include <poll.h>
 #include <string.h>
-#include <sys/select.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -14,7 +14,7 @@
 #include <memory>
 #include <new>
 
-#include "parse-options/parse-options.h"
+#include "libs/kestrel/kit.h"
 #include "platform/log.h"
 
 namespace tarvo::kestrel::logger {
@@ -64,12 +64,6 @@ bool decode(user_logger_entry_compat* record, Entry* entry) {
   return true;
 }
 
-char priority_letter(int priority) {
-  static constexpr char kLetters[] = "VDIWEFS";
-  if (priority < 2 || priority > 8) return '?';
-  return kLetters[priority - 2];
-}
-
 // "MM-DD hh:mm:ss" of the entry's local time; empty for a time localtime cannot represent.
 // Records come in bursts within one second, so the text of the last second is kept: the time
 // conversion costs more than everything else the printer does. Each thread keeps its own; a
@@ -82,12 +76,7 @@ const char* format_time(int64_t sec) {
   };
   thread_local Cached cached;
   if (!cached.valid || cached.sec != sec) {
-    time_t t = static_cast<time_t>(sec);
-    struct tm tm;
-    cached.text[0] = '\0';
-    if (localtime_r(&t, &tm) != nullptr) {
-      strftime(cached.text, sizeof(cached.text), "%m-%d %H:%M:%S", &tm);
-    }
+    kit::local_time(sec, "%m-%d %H:%M:%S", cached.text, sizeof(cached.text));
     cached.sec = sec;
     cached.valid = true;
   }
@@ -116,10 +105,7 @@ char* put_decimal(char* out, long long v, int width, char pad) {
 // One write per entry so that lines of concurrent writers never interleave; a short write is
 // not continued and a failure is not reported.
 void write_entry(int fd, const char* buf, size_t size) {
-  ssize_t ret;
-  do {
-    ret = write(fd, buf, size);
-  } while (ret < 0 && errno == EINTR);
+  [[maybe_unused]] ssize_t ret = TEMP_FAILURE_RETRY(write(fd, buf, size));
 }
 
 }  // namespace
@@ -156,7 +142,7 @@ int kestrel_logger_print(Format format, int fd, user_logger_entry_compat* record
     *p++ = ' ';
     p = put_decimal(p, entry.tid, 5, ' ');
     *p++ = ' ';
-    *p++ = priority_letter(entry.priority);
+    *p++ = kit::priority_letter(entry.priority);
     *p++ = ' ';
     prefix_len = static_cast<size_t>(p - prefix);
     tag_len = strlen(entry.tag);
@@ -209,41 +195,28 @@ int kestrel_logger_print(Format format, int fd, user_logger_entry_compat* record
   return 0;
 }
 
-void read_record(int fd, RecordBuffer* buf, const struct timeval* timeout) {
+Follow follow_driver_log(int fd, int timeout_ms, RecordBuffer* buf) {
   for (;;) {
-    fd_set readable;
-    FD_ZERO(&readable);
-    FD_SET(fd, &readable);
-    // select may change the time-out it is given, so every wait starts from a fresh copy.
-    struct timeval wait;
-    struct timeval* wait_for = nullptr;
-    if (timeout != nullptr) {
-      wait = *timeout;
-      wait_for = &wait;
-    }
-    int ready = select(fd + 1, &readable, nullptr, nullptr, wait_for);
+    struct pollfd wait = {.fd = fd, .events = POLLIN, .revents = 0};
+    int ready = poll(&wait, 1, timeout_ms);
     if (ready < 0) continue;
-    if (!FD_ISSET(fd, &readable)) {
-      if (ready == 0 && timeout != nullptr) die("read: timeout!\n");
+    if (ready == 0) {
+      if (timeout_ms != kNoTimeout) return Follow::kTimedOut;
       continue;
     }
 
     ssize_t n = read(fd, buf->bytes, kMaxRecordRead);
-    if (n == 0) die("read: Unexpected EOF!\n");
+    if (n == 0) return Follow::kEndOfFile;
     if (n < 0) {
       if (errno == EINTR) continue;
       // Deliberately not reported: the caller prints the buffer as it stands.
-      return;
+      return Follow::kRecord;
     }
+    buf->payload_read = static_cast<int>(n) - static_cast<int>(sizeof(user_logger_entry_compat));
     const int len = buf->entry()->len;
-    const int got =
-        static_cast<int>(n & 0x7fffffff) - static_cast<int>(sizeof(user_logger_entry_compat));
-    if (len != got) {
-      die("read: unexpected length. Expected %d, got %d\n", len,
-          static_cast<int>(n) - static_cast<int>(sizeof(user_logger_entry_compat)));
-    }
+    if (len != buf->payload_read) return Follow::kBadLength;
     buf->bytes[sizeof(user_logger_entry_compat) + static_cast<size_t>(len)] = 0;
-    return;
+    return Follow::kRecord;
   }
 }
 

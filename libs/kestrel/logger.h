@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // The driver's log records: the decoded view handed to filters, the printer that formats one
-// record line by line onto a descriptor, and the one reader of records from the driver that the
+// record line by line onto a descriptor, and the one follower of the driver's log that the
 // logger command, the aging daemon and malloc-debug share.
 #pragma once
 
 #include <stdint.h>
-#include <sys/time.h>
 
 #include "libs/kestrel/driver.h"
 
@@ -44,14 +43,23 @@ int kestrel_logger_print(Format format, int fd, user_logger_entry_compat* entry,
 // zero-filled, so a failed first read leaves an empty record that the printer rejects.
 struct RecordBuffer {
   alignas(user_logger_entry_compat) unsigned char bytes[kMaxRecordRead + 1] = {};
+  int payload_read = 0;  // bytes of the last read after the header
   user_logger_entry_compat* entry() { return reinterpret_cast<user_logger_entry_compat*>(bytes); }
 };
 
-// Waits for the next record on fd and reads it into buf, its payload zero-terminated. A null
-// timeout waits for ever; otherwise every wait is bounded afresh and one that expires ends the
-// process with "read: timeout!\n". End of stream and a record whose size disagrees with its
-// header end the process too. A read error other than EINTR is not reported: buf is left as it
-// stands (the previous record) and the call returns.
-void read_record(int fd, RecordBuffer* buf, const struct timeval* timeout);
+// What waiting for the next record came to.
+enum class Follow {
+  kRecord,     // buf holds a record, its payload zero-terminated
+  kTimedOut,   // no record within the time-out
+  kEndOfFile,  // the driver closed the stream
+  kBadLength,  // the header's length disagrees with payload_read
+};
+
+inline constexpr int kNoTimeout = -1;
+
+// Waits for the next record on fd and reads it into buf. Every wait is bounded afresh by
+// timeout_ms (kNoTimeout waits for ever). A read error other than EINTR is not reported: buf is
+// left as it stands (the previous record) and kRecord is returned, so the caller hands it on.
+Follow follow_driver_log(int fd, int timeout_ms, RecordBuffer* buf);
 
 }  // namespace tarvo::kestrel::logger

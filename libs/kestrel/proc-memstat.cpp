@@ -12,7 +12,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <memory>
+#include <vector>
 
 #include <android-base/stringprintf.h>
 #include <android-base/unique_fd.h>
@@ -110,32 +110,20 @@ class SmapsWalk {
   VmaClass class_ = VmaClass::kNone;
 };
 
-struct FreeDeleter {
-  void operator()(char* p) const { free(p); }
-};
-
 // Feeds every line of the file to the walk, zero-terminated in place of its newline: a mapping's
 // name then ends where its line ends, which is what the 25-character compare of the first Java
 // prefix relies on. The buffer grows only for a line longer than itself.
 void walk_lines(int fd, SmapsWalk& walk) {
-  size_t capacity = 64 * 1024;
-  std::unique_ptr<char, FreeDeleter> buf(static_cast<char*>(malloc(capacity)));
-  if (buf == nullptr) return;
+  std::vector<char> buf(64 * 1024);
   size_t have = 0;
   for (;;) {
-    if (have + 1 == capacity) {  // one byte stays free for the zero after a last line
-      char* grown = static_cast<char*>(realloc(buf.get(), capacity * 2));
-      if (grown == nullptr) break;
-      (void)buf.release();
-      buf.reset(grown);
-      capacity *= 2;
-    }
-    ssize_t n = read(fd, buf.get() + have, capacity - 1 - have);
-    if (n < 0 && errno == EINTR) continue;
+    // One byte stays free for the zero after a last line.
+    if (have + 1 == buf.size()) buf.resize(buf.size() * 2);
+    ssize_t n = TEMP_FAILURE_RETRY(read(fd, buf.data() + have, buf.size() - 1 - have));
     if (n <= 0) break;  // end of file, or an error: what was read still counts
     have += static_cast<size_t>(n);
 
-    char* line = buf.get();
+    char* line = buf.data();
     char* end = line + have;
     while (char* nl = static_cast<char*>(memchr(line, '\n', static_cast<size_t>(end - line)))) {
       *nl = '\0';
@@ -143,11 +131,11 @@ void walk_lines(int fd, SmapsWalk& walk) {
       line = nl + 1;
     }
     have = static_cast<size_t>(end - line);
-    memmove(buf.get(), line, have);
+    memmove(buf.data(), line, have);
   }
   if (have > 0) {  // a last line without its newline
-    buf.get()[have] = '\0';
-    walk.Line(buf.get());
+    buf[have] = '\0';
+    walk.Line(buf.data());
   }
 }
 
@@ -164,11 +152,7 @@ bool init_helper(ProcMemStatHelper& helper) {
 }
 
 bool stat_request(int fd, unsigned long request, void* arg) {
-  int ret;
-  do {
-    ret = ioctl(fd, request, arg);
-  } while (ret < 0 && errno == EINTR);
-  if (ret >= 0) return true;
+  if (TEMP_FAILURE_RETRY(ioctl(fd, request, arg)) >= 0) return true;
   KLOGE("Failed to ioctl %s\n", strerror(errno));
   return false;
 }

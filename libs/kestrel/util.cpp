@@ -21,20 +21,10 @@ namespace {
 int g_read_fd = -1;
 int g_write_fd = -1;
 
-int open_device(int flags) {
-  int fd;
-  do {
-    fd = open(driver::kDevicePath, flags | O_CLOEXEC);
-  } while (fd < 0 && errno == EINTR);
-  return fd;
-}
+int open_device(int flags) { return TEMP_FAILURE_RETRY(open(driver::kDevicePath, flags | O_CLOEXEC)); }
 
 int device_request(int fd, unsigned long request, unsigned long arg) {
-  int ret;
-  do {
-    ret = ioctl(fd, request, arg);
-  } while (ret < 0 && errno == EINTR);
-  return ret;
+  return TEMP_FAILURE_RETRY(ioctl(fd, request, arg));
 }
 
 }  // namespace

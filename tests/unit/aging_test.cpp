@@ -1,26 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
-// The aging daemon's /proc/meminfo parser and reader, and the priority letters of its log file.
+// The /proc/meminfo parser and reader, and the priority letters and time stamps of log lines.
 #include <unistd.h>
 
-#include <regex>
 #include <string>
 
 #include <android-base/file.h>
 #include <gtest/gtest.h>
 
-#include "cmds/aging.h"
-#include "tests/support/log_capture.h"
+#include "libs/kestrel/kit.h"
+#include "libs/kestrel/proc-meminfo.h"
 
 namespace {
-
-// What was logged since clear_log(), one "<priority> <tag> <message>" line each.
-std::string logged() {
-  std::string all;
-  for (const kestrel_test::LogLine& l : kestrel_test::logged()) {
-    all += std::to_string(l.priority) + " " + l.tag + " " + l.message + "\n";
-  }
-  return all;
-}
 
 TEST(MeminfoParse, LineRules) {
   const struct {
@@ -39,12 +29,10 @@ TEST(MeminfoParse, LineRules) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.content);
-    kestrel_test::clear_log();
     meminfo mem = {.mem_total = 1};
     EXPECT_EQ(parse_meminfo(c.content, &mem), c.ok);
     EXPECT_EQ(mem.mem_free, c.mem_free);
     EXPECT_EQ(mem.mem_total, 1u);  // a key not in the content keeps its value
-    EXPECT_EQ(logged(), c.ok ? "" : "6 kestrel-aging /proc/meminfo parse error\n");
   }
 }
 
@@ -57,9 +45,9 @@ std::string meminfo_text(size_t size) {
 
 TEST(MeminfoReader, RereadsItsOpenFileAndDoublesUntilTheContentFits) {
   std::string_view content;
-  kestrel_test::clear_log();
-  EXPECT_FALSE(MeminfoReader("/absent/meminfo").Read(&content));
-  EXPECT_EQ(logged(), "6 kestrel-aging /absent/meminfo open: No such file or directory\n");
+  MeminfoReader absent("/absent/meminfo");
+  EXPECT_FALSE(absent.Read(&content));
+  EXPECT_EQ(absent.error(), "/absent/meminfo open: No such file or directory");
 
   // The file grows in place and loses its name after the first read. Content of size - 1 bytes
   // fills the buffer, so it doubles once more.
@@ -80,18 +68,18 @@ TEST(MeminfoReader, RereadsItsOpenFileAndDoublesUntilTheContentFits) {
   }
 }
 
-TEST(AgingLogFile, PriorityLettersAndTag) {
-  TemporaryFile log;
-  aging_data.log_fd = log.fd;
-  for (int priority = 1; priority <= 9; priority++) log_to_file(priority, "tag", "p%d", priority);
-  aging_data.log_fd = -1;
-  log_to_file(4, "tag", "not written while the log is closed");
+TEST(LogLine, PriorityLettersAndLocalTimeStamps) {
+  std::string letters;
+  for (int priority = 1; priority <= 9; priority++) letters += tarvo::kestrel::kit::priority_letter(priority);
+  EXPECT_EQ(letters, "?VDIWEFS?");
 
-  std::string text;
-  ASSERT_TRUE(android::base::ReadFileToString(log.path, &text));
-  EXPECT_EQ(std::regex_replace(text, std::regex(R"((^|\n)\d\d-\d\d \d\d:\d\d:\d\d )"), "$1"),
-            "? tag: p1\nV tag: p2\nD tag: p3\nI tag: p4\nW tag: p5\nE tag: p6\nF tag: p7\nS tag: p8\n"
-            "? tag: p9\n");
+  setenv("TZ", "UTC", 1);
+  tzset();
+  char stamp[32];
+  tarvo::kestrel::kit::local_time(1767323045, "%m-%d %H:%M:%S", stamp, sizeof(stamp));
+  EXPECT_STREQ(stamp, "01-02 03:04:05");
+  unsetenv("TZ");
+  tzset();
 }
 
 }  // namespace

@@ -11,11 +11,11 @@
 
 #include <gtest/gtest.h>
 
-#include "cmds/compact.h"
+#include "libs/kestrel/compact.h"
 
 namespace {
 
-using android::meminfo::Vma;
+using tarvo::kestrel::maps::Vma;
 using Ranges = std::vector<std::pair<uint64_t, uint64_t>>;  // base, length
 
 const uint64_t kPage = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
@@ -68,19 +68,18 @@ Ranges ranges_of(const std::vector<Vma>& vmas, size_t from, size_t to) {
   return r;
 }
 
+const CompactSyscalls kFakes = {fake_pidfd_open, fake_process_madvise};
+
 class Compaction : public ::testing::Test {
  protected:
-  Compaction() : saved_(std::exchange(compact_syscalls, {fake_pidfd_open, fake_process_madvise})) {
-    g_kernel = &kernel_;
-  }
-  ~Compaction() override { reset(); compact_syscalls = saved_; }
+  Compaction() { g_kernel = &kernel_; }
+  ~Compaction() override { reset(); }
   // Checks that every pidfd is closed, whatever the outcome, then scripts the next answers.
   void reset(const std::vector<Reply>& replies = {}) {
     for (int fd : kernel_.fds) EXPECT_EQ(fcntl(fd, F_GETFD), -1) << "descriptor " << fd;
     kernel_ = FakeKernel{.replies = replies};
   }
 
-  const CompactSyscalls saved_;
   FakeKernel kernel_;
 };
 
@@ -125,7 +124,7 @@ TEST_F(Compaction, BatchesFollowTheKernelLimitsAndAnswers) {
   for (const auto& t : cases) {
     SCOPED_TRACE(t.name);
     reset(t.replies);
-    const int64_t result = compactMemory(t.vmas, 4242, kAdviceCold, t.count);
+    const int64_t result = compactMemory(t.vmas, 4242, kAdviceCold, t.count, kFakes);
     const int err = errno;
     EXPECT_EQ(result, t.result);
     EXPECT_TRUE(result >= 0 || err == -result) << "errno lost on the way out";
@@ -135,12 +134,13 @@ TEST_F(Compaction, BatchesFollowTheKernelLimitsAndAnswers) {
   }
 }
 
-TEST_F(Compaction, PidfdFailureIsReportedAndReturnedAsNegatedErrno) {
+TEST_F(Compaction, PidfdFailureIsNamedAndReturnedAsNegatedErrno) {
   for (int err : {ESRCH, ENOSYS}) {
     kernel_.open_errno = err;
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(compactMemory({mapping(0x10000000, kPage)}, 77, kAdvicePageout, 1), -err);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "error: open pid failed\n\n");
+    CompactFailure failure = CompactFailure::kNone;
+    EXPECT_EQ(compactMemory({mapping(0x10000000, kPage)}, 77, kAdvicePageout, 1, kFakes, &failure),
+              -err);
+    EXPECT_EQ(failure, CompactFailure::kOpenPid);
   }  // with no pidfd, a process_madvise call fails the fake kernel's own check
 }
 
@@ -165,7 +165,7 @@ TEST_F(Compaction, EachKindCollectsItsMappings) {
   for (const auto& t : cases) {
     SCOPED_TRACE(t.name);
     reset();
-    EXPECT_EQ(compactProcess(31, t.selector, maps), t.bytes);
+    EXPECT_EQ(compactProcess(31, t.selector, maps, kFakes), t.bytes);
     EXPECT_EQ(kernel_.calls, std::vector<Ranges>{t.sent});
   }
 }
@@ -175,11 +175,11 @@ TEST_F(Compaction, EachKindCollectsItsMappings) {
 TEST_F(Compaction, ColdListFollowsAPageOutListThatSucceeded) {
   const std::string maps = std::string(KESTREL_FIXTURES) + "/compact/maps_collect_small";
   auto file_out_anon_cold = [](const Vma& v) { return v.inode ? kAdvicePageout : kAdviceCold; };
-  EXPECT_EQ(compactProcess(5, file_out_anon_cold, maps), 2 * 0x1000);
+  EXPECT_EQ(compactProcess(5, file_out_anon_cold, maps, kFakes), 2 * 0x1000);
   EXPECT_EQ(kernel_.calls, (std::vector<Ranges>{{{0x70000000, 0x1000}}, {{0x70001000, 0x1000}}}));
   EXPECT_EQ(kernel_.advice, (std::vector<int>{kAdvicePageout, kAdviceCold}));
   reset({{-1, ENOSYS}});
-  EXPECT_EQ(compactProcess(5, file_out_anon_cold, maps), -ENOSYS);
+  EXPECT_EQ(compactProcess(5, file_out_anon_cold, maps, kFakes), -ENOSYS);
   EXPECT_EQ(kernel_.advice, std::vector<int>{kAdvicePageout});
 }
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The memory configuration: RAM tiers, loading the XML file over each tier's defaults, read_file,
-// the system-state report on fixture trees and the command's log. Printouts are proven end to end.
+// the system-state report on fixture trees. Printouts are proven end to end.
 #include <stdio.h>
 #include <stdlib.h>
 
@@ -13,10 +13,7 @@
 #include <android-base/properties.h>
 #include <gtest/gtest.h>
 
-#include "cmds/cmds.h"
-#include "cmds/config.h"
-#include "platform/log.h"
-#include "tests/support/log_capture.h"
+#include "libs/kestrel/config.h"
 
 namespace {
 
@@ -98,9 +95,9 @@ TEST(LoadConfig, ReadsTheTierSectionOverItsDefaultsOrFailsWithOneMessage) {
   };
   for (const auto& c : cases) {
     Configure cfg;
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(load_config(c.path, c.tier, &cfg), c.err.empty() ? 0 : -1) << c.path << " " << c.tier;
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), c.err) << c.path << " " << c.tier;
+    std::string err;
+    EXPECT_EQ(load_config(c.path, c.tier, &cfg, &err), c.err.empty() ? 0 : -1) << c.path << " " << c.tier;
+    EXPECT_EQ(err.empty() ? "" : "error: " + err + "\n", c.err) << c.path << " " << c.tier;
     if (!c.err.empty()) continue;
     EXPECT_EQ(shown(cfg), shown(c.expected)) << c.path << " " << c.tier;
   }
@@ -158,30 +155,11 @@ TEST(SystemReport, MatchesGoldenForEachPlatform) {
   }
 }
 
-TEST(SystemReportDeathTest, RefusesRamBeyondTheTierTable) {
-  EXPECT_EXIT(show_system_report(24 * kGiB), testing::ExitedWithCode(129),
-              "^fatal: unsupport ram\n\n$");
-}
-
-TEST(ConfigCommand, LogsEntryAndTheExitOfALoad) {
-  const std::string info = std::to_string(ANDROID_LOG_INFO) + " kestrel-config: ";
-  const std::pair<std::vector<const char*>, std::string> cases[] = {
-      {{"config", "--load", "ALL", nullptr}, "config exit -1"},
-      {{"config", "--load", "zram_opt", "--file", KESTREL_FIXTURES "/config/empty_sections.xml",
-        nullptr}, "config exit 0"},
-  };
-  for (auto [args, exit_line] : cases) {
-    kestrel_test::clear_log();
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    cmd_config(static_cast<int>(args.size()) - 1, args.data());
-    testing::internal::GetCapturedStdout();
-    testing::internal::GetCapturedStderr();
-    std::vector<std::string> log;
-    for (const kestrel_test::LogLine& line : kestrel_test::logged())
-      log.push_back(std::to_string(line.priority) + " " + line.tag + ": " + line.message);
-    EXPECT_EQ(log, (std::vector<std::string>{info + "config enter", info + exit_line}));
-  }
+TEST(SystemReport, RefusesRamBeyondTheTierTable) {
+  bool ok = true;
+  EXPECT_EQ(printed([&](FILE* out) { ok = show_system_report(24 * kGiB, ReportPaths(), out); }),
+            "[sys]\n");
+  EXPECT_FALSE(ok);
 }
 
 }  // namespace

@@ -158,32 +158,38 @@ TEST(Logger, ReaderTerminatesEachRecordAndKeepsItWhenAReadFails) {
   ASSERT_EQ(write(fds[1], sent.bytes, size_t(size)), size);
   RecordBuffer buf;
   memset(buf.bytes, 0xee, sizeof(buf.bytes));
-  const timeval limit = {5, 0};
-  read_record(fds[0], &buf, &limit);
+  EXPECT_EQ(follow_driver_log(fds[0], 5000, &buf), Follow::kRecord);
   EXPECT_EQ(memcmp(buf.bytes, sent.bytes, size_t(size) + 1), 0);
-  // A directory is always readable to select, and read fails on it with EISDIR.
+  // A directory is always readable to poll, and read fails on it with EISDIR.
   RecordBuffer before = buf;
   int dir = open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  read_record(dir, &buf, nullptr);
+  EXPECT_EQ(follow_driver_log(dir, kNoTimeout, &buf), Follow::kRecord);
   EXPECT_EQ(memcmp(before.bytes, buf.bytes, sizeof(buf.bytes)), 0);
   close(dir);
   close(fds[0]);
   close(fds[1]);
 }
 
-// End of stream and a header longer than its record end the command as well; the command's
-// tests show those.
-TEST(ReadRecordDeathTest, SilenceAndPacketsShorterThanAHeaderEndTheProcess) {
-  for (const auto& [bytes, expected] : {std::pair{0, "^fatal: read: timeout!\n\n$"},
-        std::pair{4, "^fatal: read: unexpected length. Expected 0, got -28\n\n$"}}) {
+// The commands turn these kinds into their fatal texts; the commands' tests show those.
+TEST(FollowDriverLog, SilenceEndOfStreamAndPacketsShorterThanAHeader) {
+  const struct {
+    int bytes;  // written before the wait; -1 closes the writer instead
+    Follow kind;
+    int payload_read;
+  } cases[] = {{0, Follow::kTimedOut, 0}, {-1, Follow::kEndOfFile, 0}, {4, Follow::kBadLength, -28}};
+  for (const auto& c : cases) {
     int fds[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, fds), 0);
-    ASSERT_EQ(bytes == 0 ? 0 : write(fds[1], "\0\0\0\0", 4), bytes);  // no empty packet
-    const timeval limit = {0, 20000};
+    if (c.bytes > 0) {
+      ASSERT_EQ(write(fds[1], "\0\0\0\0", 4), c.bytes);  // no empty packet
+    } else if (c.bytes < 0) {
+      close(fds[1]);
+    }
     RecordBuffer buf;
-    EXPECT_EXIT(read_record(fds[0], &buf, &limit), testing::ExitedWithCode(129), expected);
+    EXPECT_EQ(follow_driver_log(fds[0], 20, &buf), c.kind) << c.bytes;
+    EXPECT_EQ(buf.payload_read, c.payload_read) << c.bytes;
     close(fds[0]);
-    close(fds[1]);
+    if (c.bytes >= 0) close(fds[1]);
   }
 }
 

@@ -10,15 +10,15 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/meminfo.h"
+#include "libs/kestrel/maps.h"
 #include "tests/support/log_capture.h"
 
 namespace {
 
-using android::meminfo::Vma;
+using tarvo::kestrel::maps::Vma;
 using Fields = std::tuple<uint64_t, uint64_t, uint64_t, uint16_t, uint64_t, std::string>;
-constexpr uint16_t R = android::meminfo::kVmaRead, W = android::meminfo::kVmaWrite,
-                   X = android::meminfo::kVmaExec;
+constexpr uint16_t R = tarvo::kestrel::maps::kVmaRead, W = tarvo::kestrel::maps::kVmaWrite,
+                   X = tarvo::kestrel::maps::kVmaExec;
 
 TEST(MapsReader, WalksFixturesInOneBufferAndLogsTheFirstBadLine) {
   const std::vector<Fields> sample = {  // start, end, offset, flags, inode, name
@@ -36,7 +36,7 @@ TEST(MapsReader, WalksFixturesInOneBufferAndLogsTheFirstBadLine) {
     size_t stop_after;  // mappings the callback takes before it ends the walk
     bool ok;
     std::vector<Fields> vmas;
-    std::string log;  // without each message's "meminfo.cpp:<line> "
+    std::string log;  // without each message's "maps.cpp:<line> "
   } cases[] = {
       // Its last line has no newline: a file cut short still yields its last mapping.
       {"maps_malformed", SIZE_MAX, false,
@@ -47,7 +47,7 @@ TEST(MapsReader, WalksFixturesInOneBufferAndLogsTheFirstBadLine) {
       {"no_such_maps", SIZE_MAX, false, {},
        "cannot open " + dir + "no_such_maps: No such file or directory\n"},
   };
-  static const std::regex kWhere("^meminfo\\.cpp:[0-9]+ ");
+  static const std::regex kWhere("^maps\\.cpp:[0-9]+ ");
   std::string buffer;
   const char* storage = nullptr;
   for (const auto& c : cases) {
@@ -58,7 +58,7 @@ TEST(MapsReader, WalksFixturesInOneBufferAndLogsTheFirstBadLine) {
       got.emplace_back(v.start, v.end, v.offset, v.flags, v.inode, v.name);
       return got.size() < c.stop_after;
     };
-    EXPECT_EQ(android::meminfo::ForEachVmaFromFile(dir + c.file, take, buffer), c.ok);
+    EXPECT_EQ(tarvo::kestrel::maps::ForEachVmaFromFile(dir + c.file, take, buffer), c.ok);
     EXPECT_EQ(got, c.vmas);
     std::string log;
     for (const auto& line : kestrel_test::logged()) {
@@ -68,10 +68,6 @@ TEST(MapsReader, WalksFixturesInOneBufferAndLogsTheFirstBadLine) {
     if (storage == nullptr) storage = buffer.data();
     EXPECT_EQ(buffer.data(), storage) << "the buffer's storage was not kept";
   }
-}
-
-TEST(MapsReader, ProcMemInfoReadsTheProcessOwnMapsByDefault) {
-  EXPECT_EQ(android::meminfo::ProcMemInfo(42).maps_path(), "/proc/42/maps");
 }
 
 }  // namespace

@@ -2,7 +2,7 @@
 // The maps walk: the file is read whole into the caller's buffer with large reads (procfs fills
 // as much of each read as fits, so a process with ten thousand mappings costs a handful of
 // system calls), then cut into lines and parsed in place without further allocation.
-#include "platform/meminfo.h"
+#include "libs/kestrel/maps.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -13,10 +13,13 @@
 
 #include <android-base/unique_fd.h>
 
+#include "libs/kestrel/kit.h"
 #include "platform/log.h"
 
-namespace android::meminfo {
+namespace tarvo::kestrel::maps {
 namespace {
+
+namespace kit = tarvo::kestrel::kit;
 
 constexpr size_t kFirstRead = 64 * 1024;
 
@@ -72,20 +75,14 @@ bool read_whole(const std::string& path, std::string& buffer) {
     KLOGE("cannot open %s: %s", path.c_str(), strerror(errno));
     return false;
   }
-  size_t used = 0;
   buffer.resize(std::max(buffer.capacity(), kFirstRead));
-  for (;;) {
-    if (used == buffer.size()) buffer.resize(buffer.size() * 2);
-    ssize_t n = TEMP_FAILURE_RETRY(read(fd.get(), buffer.data() + used, buffer.size() - used));
-    if (n < 0) {
-      KLOGE("cannot read %s: %s", path.c_str(), strerror(errno));
-      buffer.clear();
-      return false;
-    }
-    if (n == 0) break;
-    used += static_cast<size_t>(n);
+  ssize_t n = kit::read_whole(fd.get(), buffer);
+  if (n < 0) {
+    KLOGE("cannot read %s: %s", path.c_str(), strerror(errno));
+    buffer.clear();
+    return false;
   }
-  buffer.resize(used);
+  buffer.resize(static_cast<size_t>(n));
   return true;
 }
 
@@ -150,14 +147,6 @@ bool ForEachVmaFromFile(const std::string& path, const VmaCallback& callback,
   return ok;
 }
 
-ProcMemInfo::ProcMemInfo(pid_t pid, bool /*get_wss*/, uint64_t /*pgflags*/,
-                         uint64_t /*pgflags_mask*/, std::string maps_path)
-    : pid_(pid), maps_path_(std::move(maps_path)) {
-  if (maps_path_.empty()) maps_path_ = "/proc/" + std::to_string(pid) + "/maps";
-}
+std::string MapsPath(pid_t pid) { return "/proc/" + std::to_string(pid) + "/maps"; }
 
-bool ProcMemInfo::ForEachVmaFromMaps(const VmaCallback& callback, std::string& buffer) {
-  return ForEachVmaFromFile(maps_path_, callback, buffer);
-}
-
-}  // namespace android::meminfo
+}  // namespace tarvo::kestrel::maps

@@ -1,16 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 // A process's memory mappings, read from /proc/<pid>/maps: the `Vma` record and the walk over
-// them, under the names Android's libmeminfo gives them so that command code reads the same on
-// a device and on a Linux host. The reader is ours on every platform.
+// them, the same on a device and on a Linux host.
 #pragma once
 
 #include <stdint.h>
+#include <stddef.h>
 #include <sys/types.h>
 
 #include <functional>
 #include <string>
 
-namespace android::meminfo {
+namespace tarvo::kestrel::maps {
 
 // One line of a maps file.
 struct Vma {
@@ -42,21 +42,7 @@ bool ForEachVmaFromFile(const std::string& path, const VmaCallback& callback,
 // line is not a mapping.
 bool ParseMapsLine(const char* line, size_t length, Vma* vma);
 
-class ProcMemInfo {
- public:
-  // Only the maps walk is provided; working-set and page-flag collection are accepted for
-  // source compatibility and ignored. `maps_path` replaces /proc/<pid>/maps (tests).
-  explicit ProcMemInfo(pid_t pid, bool get_wss = false, uint64_t pgflags = 0,
-                       uint64_t pgflags_mask = 0, std::string maps_path = "");
+// The maps file of a process: /proc/<pid>/maps.
+std::string MapsPath(pid_t pid);
 
-  bool ForEachVmaFromMaps(const VmaCallback& callback, std::string& buffer);
-
-  pid_t pid() const { return pid_; }
-  const std::string& maps_path() const { return maps_path_; }
-
- private:
-  pid_t pid_;
-  std::string maps_path_;
-};
-
-}  // namespace android::meminfo
+}  // namespace tarvo::kestrel::maps

@@ -2,7 +2,7 @@
 // The memory configuration: defaults per RAM tier, the vendor XML file read into a Configure, its
 // printout, and the system-state report of `kestrel config --list`. Nothing here writes to the
 // system; tunables are read and shown, never applied.
-#include "cmds/config.h"
+#include "libs/kestrel/config.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -23,7 +23,6 @@
 #include <android-base/unique_fd.h>
 #include <tinyxml2.h>
 
-#include "parse-options/parse-options.h"
 #include "platform/log.h"
 #include "platform/mallopt.h"
 
@@ -62,47 +61,47 @@ int32_t default_chp_size_mb(int tier) {
 }
 
 // An absent key keeps the default; a present one must hold an integer.
-bool read_key(const XMLElement* group, const char* name, int32_t* field) {
+bool read_key(const XMLElement* group, const char* name, int32_t* field, std::string* err) {
   const XMLElement* key = group->FirstChildElement(name);
   if (key == nullptr) return true;
   if (key->QueryIntText(field) != tinyxml2::XML_SUCCESS) {
-    error("invalid %s value\n", name);
+    *err = StringPrintf("invalid %s value\n", name);
     return false;
   }
   return true;
 }
 
 // An absent key keeps the default; a present one must have text.
-bool read_key(const XMLElement* group, const char* name, std::string* field) {
+bool read_key(const XMLElement* group, const char* name, std::string* field, std::string* err) {
   const XMLElement* key = group->FirstChildElement(name);
   if (key == nullptr) return true;
   const char* text = key->GetText();
   if (text == nullptr) {
-    error("invalid %s value\n", name);
+    *err = StringPrintf("invalid %s value\n", name);
     return false;
   }
   *field = text;
   return true;
 }
 
-bool parse_zram_opt(const XMLElement* section, Configure* cfg) {
+bool parse_zram_opt(const XMLElement* section, Configure* cfg, std::string* err) {
   const XMLElement* group = section->FirstChildElement("zram_opt");
   if (group == nullptr) return true;
-  return read_key(group, "vm_swappiness", &cfg->vm_swappiness) &&
-         read_key(group, "direct_swappiness", &cfg->direct_swappiness);
+  return read_key(group, "vm_swappiness", &cfg->vm_swappiness, err) &&
+         read_key(group, "direct_swappiness", &cfg->direct_swappiness, err);
 }
 
-bool parse_zram0(const XMLElement* section, Configure* cfg) {
+bool parse_zram0(const XMLElement* section, Configure* cfg, std::string* err) {
   const XMLElement* group = section->FirstChildElement("zram0");
   if (group == nullptr) return true;
-  if (!read_key(group, "disk_size_mb", &cfg->disk_size_mb) ||
-      !read_key(group, "increase_limit", &cfg->increase_limit) ||
-      !read_key(group, "hybridswap_enable", &cfg->hybridswap_enable)) {
+  if (!read_key(group, "disk_size_mb", &cfg->disk_size_mb, err) ||
+      !read_key(group, "increase_limit", &cfg->increase_limit, err) ||
+      !read_key(group, "hybridswap_enable", &cfg->hybridswap_enable, err)) {
     return false;
   }
   cfg->hybridswap_enable = cfg->hybridswap_enable != 0 ? 1 : 0;
-  return read_key(group, "limit_size", &cfg->limit_size) &&
-         read_key(group, "comp_algorithm", &cfg->comp_algorithm);
+  return read_key(group, "limit_size", &cfg->limit_size, err) &&
+         read_key(group, "comp_algorithm", &cfg->comp_algorithm, err);
 }
 
 // --- the system-state report ------------------------------------------------------------------
@@ -271,30 +270,37 @@ int ram_tier(uint32_t total_kib) {
   return kTierBeyondTable;
 }
 
-int parse_chp_zram_xml(XMLElement* section, Configure::ChpZram* chp) {
+int parse_chp_zram_xml(XMLElement* section, Configure::ChpZram* chp, std::string* err) {
   const XMLElement* group = section->FirstChildElement("chp_zram");
   if (group == nullptr) return 0;
-  bool ok = read_key(group, "zram0_disk_size_mb", &chp->zram0_disk_size_mb) &&
-            read_key(group, "zram1_disk_size_mb", &chp->zram1_disk_size_mb) &&
-            read_key(group, "zram0_comp_algorithm", &chp->zram0_comp_algorithm) &&
-            read_key(group, "zram1_comp_algorithm", &chp->zram1_comp_algorithm) &&
-            read_key(group, "limit_size", &chp->limit_size);
+  bool ok = read_key(group, "zram0_disk_size_mb", &chp->zram0_disk_size_mb, err) &&
+            read_key(group, "zram1_disk_size_mb", &chp->zram1_disk_size_mb, err) &&
+            read_key(group, "zram0_comp_algorithm", &chp->zram0_comp_algorithm, err) &&
+            read_key(group, "zram1_comp_algorithm", &chp->zram1_comp_algorithm, err) &&
+            read_key(group, "limit_size", &chp->limit_size, err);
   return ok ? 0 : -1;
 }
 
-int load_config(const std::string& path, int tier, Configure* cfg) {
+int load_config(const std::string& path, int tier, Configure* cfg, std::string* err) {
   *cfg = Configure::Defaults(tier);
   tinyxml2::XMLDocument doc(true, tinyxml2::PRESERVE_WHITESPACE);
   if (doc.LoadFile(path.c_str()) != tinyxml2::XML_SUCCESS) {
-    return error("failed to open/parse XML file %s %s\n", path.c_str(), doc.ErrorStr());
+    *err = StringPrintf("failed to open/parse XML file %s %s\n", path.c_str(), doc.ErrorStr());
+    return -1;
   }
   XMLElement* root = doc.FirstChildElement("config");
-  if (root == nullptr) return error("no <config> element found\n");
+  if (root == nullptr) {
+    *err = "no <config> element found\n";
+    return -1;
+  }
   std::string name = StringPrintf("memory_%dg", tier);
   XMLElement* section = root->FirstChildElement(name.c_str());
-  if (section == nullptr) return error("no <%s> element found\n", name.c_str());
-  if (!parse_zram_opt(section, cfg) || !parse_zram0(section, cfg)) return -1;
-  return parse_chp_zram_xml(section, &cfg->chp_zram);
+  if (section == nullptr) {
+    *err = StringPrintf("no <%s> element found\n", name.c_str());
+    return -1;
+  }
+  if (!parse_zram_opt(section, cfg, err) || !parse_zram0(section, cfg, err)) return -1;
+  return parse_chp_zram_xml(section, &cfg->chp_zram, err);
 }
 
 // zram0 prints limit_size before increase_limit and the chp group pairs each size with its
@@ -339,10 +345,10 @@ std::string read_file(const std::string& path) {
 
 // Paths are joined with "%s/%s" onto folders that already end in '/', so most of them carry a
 // doubled slash; the kernel takes them as they are.
-void show_system_report(uint32_t total_kib, const ReportPaths& paths, FILE* out) {
+bool show_system_report(uint32_t total_kib, const ReportPaths& paths, FILE* out) {
   fputs("[sys]\n", out);
   int tier = ram_tier(total_kib);
-  if (tier == kTierBeyondTable) die("unsupport ram\n");
+  if (tier == kTierBeyondTable) return false;
   bool chp = access(paths.chp_enabled.c_str(), F_OK) == 0;
   KernelVersion kernel = kernel_version(paths.proc_version);
   std::string soc = android::base::GetProperty("ro.soc.model", "UNKNOWN");
@@ -404,6 +410,7 @@ void show_system_report(uint32_t total_kib, const ReportPaths& paths, FILE* out)
   }
   fprintf(out, "\n  heap_zero_init: %d\n", heap_zero_init());
   fprintf(out, "  read_offset: %s\n", read_offset(paths.libc).c_str());
+  return true;
 }
 
 }  // namespace tarvo::kestrel::config

@@ -57,12 +57,12 @@ uint32_t total_ram_kib();
 int ram_tier(uint32_t total_kib);
 
 // Fills `cfg` with the defaults of `tier` and then with the section "memory_<tier>g" of the file
-// at `path`. Returns 0, or -1 after a message on standard error.
-int load_config(const std::string& path, int tier, Configure* cfg);
+// at `path`. Returns 0, or -1 with the reason in *err, one line ending in a newline.
+int load_config(const std::string& path, int tier, Configure* cfg, std::string* err);
 
-// Fills `chp` from the chp_zram child of `section`, if there is one. Returns 0, or -1 after a
-// message on standard error.
-int parse_chp_zram_xml(tinyxml2::XMLElement* section, Configure::ChpZram* chp);
+// Fills `chp` from the chp_zram child of `section`, if there is one. Returns 0, or -1 with the
+// reason in *err.
+int parse_chp_zram_xml(tinyxml2::XMLElement* section, Configure::ChpZram* chp, std::string* err);
 
 // Prints the chosen groups of `cfg`, always in the order zram_opt, zram0, chp_zram.
 void show_config(const Configure& cfg, bool zram_opt, bool zram0, bool chp_zram,
@@ -87,9 +87,9 @@ struct ReportPaths {
   static ReportPaths Device() { return {}; }
 };
 
-// Prints the system-state report for a device with `total_kib` of RAM. Ends the process through
-// die at 24 GiB and more, for which the report has no tier.
-void show_system_report(uint32_t total_kib, const ReportPaths& paths = ReportPaths::Device(),
+// Prints the system-state report for a device with `total_kib` of RAM. At 24 GiB and more, for
+// which the report has no tier, only its first header is printed and the result is false.
+bool show_system_report(uint32_t total_kib, const ReportPaths& paths = ReportPaths::Device(),
                         FILE* out = stdout);
 
 }  // namespace tarvo::kestrel::config
