@@ -14,6 +14,7 @@
 #include "cmds/cmds.h"
 #include "libs/kestrel/kit.h"
 #include "libs/kestrel/proc-memstat.h"
+#include "libs/kestrel/proc-ms-fields.h"
 #include "libs/kestrel/util.h"
 #include "parse-options/parse-options.h"
 #include "parse-options/pid_cmdline.h"
@@ -147,41 +148,20 @@ void print_benchmark(const Table& t, size_t struct_bytes) {
          struct_bytes);
 }
 
-// One column of the table: its mask bit, its title and the width the title is right-aligned in,
-// and its cell. The rows are in the order of the columns, which is not the order of the bits.
-// Every cell ends with a blank; only the last column (comm or cmdline) has none.
-struct Column {
-  unsigned bit;
-  const char* title;
-  int width;
-  std::string (*cell)(const proc_ms& ms);
-};
-
-unsigned long long kib(uint32_t pages) {
-  return static_cast<unsigned long long>(pages) * tarvo::kestrel::driver::kPageKiB;
+// One cell of the table: the figure right-aligned in its column's width and a blank.
+std::string cell(const proc_ms& ms, const ProcMsField& f) {
+  const long long v = proc_ms_get(ms, f);
+  switch (f.kind) {
+    case ProcMsField::kFlag:
+      return StringPrintf("%*s ", f.width, v ? "Y" : "N");
+    case ProcMsField::kNumber:
+      return StringPrintf("%*d ", f.width, static_cast<int>(v));
+    case ProcMsField::kPages:
+      break;
+  }
+  return StringPrintf("%*llu ", f.width,
+                      static_cast<unsigned long long>(v) * tarvo::kestrel::driver::kPageKiB);
 }
-
-// clang-format off
-constexpr Column kColumns[] = {
-    {kStat32, "32", 2, [](const proc_ms& ms) { return StringPrintf("%2s ", ms.compat32 ? "Y" : "N"); }},
-    {kStatUid, "uid", 5, [](const proc_ms& ms) { return StringPrintf("%5d ", ms.uid); }},
-    {kStatPid, "pid", 5, [](const proc_ms& ms) { return StringPrintf("%5d ", ms.pid); }},
-    {kStatPpid, "ppid", 5, [](const proc_ms& ms) { return StringPrintf("%5d ", ms.ppid); }},
-    {kStatOom, "oom", 5, [](const proc_ms& ms) { return StringPrintf("%5d ", ms.oom_score_adj); }},
-    {kStatFds, "fds", 5, [](const proc_ms& ms) { return StringPrintf("%5d ", ms.fds); }},
-    {kStatVss, "vss", 9, [](const proc_ms& ms) { return StringPrintf("%9llu ", kib(ms.vss)); }},
-    {kStatAnon, "anon", 7, [](const proc_ms& ms) { return StringPrintf("%7llu ", kib(ms.anon)); }},
-    {kStatFile, "file", 7, [](const proc_ms& ms) { return StringPrintf("%7llu ", kib(ms.file)); }},
-    {kStatShmem, "shmem", 7, [](const proc_ms& ms) { return StringPrintf("%7llu ", kib(ms.shmem)); }},
-    {kStatSwap, "swap", 7, [](const proc_ms& ms) { return StringPrintf("%7llu ", kib(ms.swap)); }},
-    {kStatPss, "pss", 7, [](const proc_ms& ms) { return StringPrintf("%7llu ", kib(ms.pss)); }},
-    {kStatJavaHeap, "JHeap", 7, [](const proc_ms& ms) { return StringPrintf("%7llu ", kib(ms.java_heap)); }},
-    {kStatNativeHeap, "NHeap", 7, [](const proc_ms& ms) { return StringPrintf("%7llu ", kib(ms.native_heap)); }},
-    {kStatDmabuf, "dma-buf", 7, [](const proc_ms& ms) { return StringPrintf("%7llu ", kib(ms.dmabuf)); }},
-    {kStatAshmem, "ashmem", 7, [](const proc_ms& ms) { return StringPrintf("%7llu ", kib(ms.ashmem)); }},
-    {kStatGpu, "gpu", 7, [](const proc_ms& ms) { return StringPrintf("%7llu ", kib(ms.gpu)); }},
-};
-// clang-format on
 
 // Prints one line, cut to the line width with a final "+" when it is longer.
 void print_line(const Table& t, const std::string& line) {
@@ -194,8 +174,8 @@ void print_line(const Table& t, const std::string& line) {
 
 void print_header(const Table& t, std::stringstream& ss) {
   ss.str("");
-  for (const Column& col : kColumns) {
-    if (t.mask & col.bit) ss << StringPrintf("%*s ", col.width, col.title);
+  for (const ProcMsField& f : kProcMsFields) {
+    if (t.mask & f.bit) ss << StringPrintf("%*s ", f.width, f.title);
   }
   // The command line replaces comm whether or not comm was asked for.
   if (t.cmdline) {
@@ -208,8 +188,8 @@ void print_header(const Table& t, std::stringstream& ss) {
 
 void print_proc_memstat(const Table& t, std::stringstream& ss, const proc_ms* ms) {
   ss.str("");
-  for (const Column& col : kColumns) {
-    if (t.mask & col.bit) ss << col.cell(*ms);
+  for (const ProcMsField& f : kProcMsFields) {
+    if (t.mask & f.bit) ss << cell(*ms, f);
   }
   if (t.cmdline) {
     char cmdline[kCmdlineBufferSize] = {};

@@ -11,6 +11,8 @@
 #include <sstream>
 #include <string_view>
 
+#include "libs/kestrel/proc-ms-fields.h"
+
 namespace kestrel_sim {
 
 using tarvo::kestrel::logger::user_logger_entry_compat;
@@ -155,38 +157,16 @@ bool parse_proc(std::string_view rest, proc_ms* ms, std::string* why) {
       *why = "bad number for " + key;
       return false;
     }
-    struct Field {
-      const char* name;
-      void (*set)(proc_ms*, long long);
-    };
-    static constexpr Field kFields[] = {
-        {"pid", [](proc_ms* m, long long v) { m->pid = static_cast<int32_t>(v); }},
-        {"uid", [](proc_ms* m, long long v) { m->uid = static_cast<int32_t>(v); }},
-        {"ppid", [](proc_ms* m, long long v) { m->ppid = static_cast<int32_t>(v); }},
-        {"oom", [](proc_ms* m, long long v) { m->oom_score_adj = static_cast<int16_t>(v); }},
-        {"compat32", [](proc_ms* m, long long v) { m->compat32 = static_cast<uint8_t>(v); }},
-        {"fds", [](proc_ms* m, long long v) { m->fds = static_cast<int32_t>(v); }},
-        {"vss", [](proc_ms* m, long long v) { m->vss = static_cast<uint32_t>(v); }},
-        {"anon", [](proc_ms* m, long long v) { m->anon = static_cast<uint32_t>(v); }},
-        {"file", [](proc_ms* m, long long v) { m->file = static_cast<uint32_t>(v); }},
-        {"shmem", [](proc_ms* m, long long v) { m->shmem = static_cast<uint32_t>(v); }},
-        {"swap", [](proc_ms* m, long long v) { m->swap = static_cast<uint32_t>(v); }},
-        {"pss", [](proc_ms* m, long long v) { m->pss = static_cast<uint32_t>(v); }},
-        {"java_heap", [](proc_ms* m, long long v) { m->java_heap = static_cast<uint32_t>(v); }},
-        {"native_heap", [](proc_ms* m, long long v) { m->native_heap = static_cast<uint32_t>(v); }},
-        {"ashmem", [](proc_ms* m, long long v) { m->ashmem = static_cast<uint32_t>(v); }},
-        {"dmabuf", [](proc_ms* m, long long v) { m->dmabuf = static_cast<uint32_t>(v); }},
-        {"gpu", [](proc_ms* m, long long v) { m->gpu = static_cast<uint32_t>(v); }},
-    };
-    const Field* field = nullptr;
-    for (const Field& candidate : kFields) {
+    using tarvo::kestrel::memstat::ProcMsField;
+    const ProcMsField* field = nullptr;
+    for (const ProcMsField& candidate : tarvo::kestrel::memstat::kProcMsFields) {
       if (key == candidate.name) field = &candidate;
     }
     if (field == nullptr) {
       *why = "unknown proc field " + key;
       return false;
     }
-    field->set(ms, n);
+    tarvo::kestrel::memstat::proc_ms_set(ms, *field, n);
     has_pid |= key == "pid";
   }
   if (!has_pid) *why = "proc without pid=";
@@ -338,23 +318,10 @@ void apply_mask(const proc_ms& full, uint32_t flags, proc_ms* out) {
   using namespace tarvo::kestrel::memstat;
   *out = {};
   out->pid = full.pid;
-  if (flags & kStatUid) out->uid = full.uid;
-  if (flags & kStatPpid) out->ppid = full.ppid;
-  if (flags & kStatOom) out->oom_score_adj = full.oom_score_adj;
-  if (flags & kStat32) out->compat32 = full.compat32;
   if (flags & kStatComm) memcpy(out->comm, full.comm, sizeof(out->comm));
-  if (flags & kStatVss) out->vss = full.vss;
-  if (flags & kStatAnon) out->anon = full.anon;
-  if (flags & kStatFile) out->file = full.file;
-  if (flags & kStatShmem) out->shmem = full.shmem;
-  if (flags & kStatSwap) out->swap = full.swap;
-  if (flags & kStatFds) out->fds = full.fds;
-  if (flags & kStatAshmem) out->ashmem = full.ashmem;
-  if (flags & kStatDmabuf) out->dmabuf = full.dmabuf;
-  if (flags & kStatPss) out->pss = full.pss;
-  if (flags & kStatNativeHeap) out->native_heap = full.native_heap;
-  if (flags & kStatJavaHeap) out->java_heap = full.java_heap;
-  if (flags & kStatGpu) out->gpu = full.gpu;
+  for (const ProcMsField& f : kProcMsFields) {
+    if (flags & f.bit) proc_ms_copy(full, out, f);
+  }
 }
 
 }  // namespace kestrel_sim

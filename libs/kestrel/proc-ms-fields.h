@@ -1,0 +1,86 @@
+// SPDX-License-Identifier: Apache-2.0
+// The figures of a driver's proc_ms record, listed once: the mask bit that asks for each, its
+// name in scenario files, its meminfo column, and where it lies in the record. The meminfo
+// table prints from this list and the driver simulator parses and masks with it.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+#include <string.h>
+
+#include "libs/kestrel/driver.h"
+
+namespace tarvo::kestrel::memstat {
+
+struct ProcMsField {
+  enum Kind {
+    kFlag,    // 0 or 1, shown as N or Y
+    kNumber,  // a signed count shown as it is
+    kPages,   // a count of 4 KiB pages, shown in kB
+  };
+  uint32_t bit;
+  const char* name;   // the key of a scenario's proc line
+  const char* title;  // the meminfo column title, right-aligned in `width`
+  int width;
+  Kind kind;
+  size_t offset;
+  size_t size;
+};
+
+#define KESTREL_PROC_MS_FIELD(bit, name, title, width, kind, member) \
+  ProcMsField { bit, name, title, width, ProcMsField::kind, offsetof(proc_ms, member), \
+                sizeof(proc_ms::member) }
+
+// In the order of the meminfo columns, which is not the order of the bits. comm, the one text
+// field, is not listed: it is always the last column.
+inline constexpr ProcMsField kProcMsFields[] = {
+    KESTREL_PROC_MS_FIELD(kStat32, "compat32", "32", 2, kFlag, compat32),
+    KESTREL_PROC_MS_FIELD(kStatUid, "uid", "uid", 5, kNumber, uid),
+    KESTREL_PROC_MS_FIELD(kStatPid, "pid", "pid", 5, kNumber, pid),
+    KESTREL_PROC_MS_FIELD(kStatPpid, "ppid", "ppid", 5, kNumber, ppid),
+    KESTREL_PROC_MS_FIELD(kStatOom, "oom", "oom", 5, kNumber, oom_score_adj),
+    KESTREL_PROC_MS_FIELD(kStatFds, "fds", "fds", 5, kNumber, fds),
+    KESTREL_PROC_MS_FIELD(kStatVss, "vss", "vss", 9, kPages, vss),
+    KESTREL_PROC_MS_FIELD(kStatAnon, "anon", "anon", 7, kPages, anon),
+    KESTREL_PROC_MS_FIELD(kStatFile, "file", "file", 7, kPages, file),
+    KESTREL_PROC_MS_FIELD(kStatShmem, "shmem", "shmem", 7, kPages, shmem),
+    KESTREL_PROC_MS_FIELD(kStatSwap, "swap", "swap", 7, kPages, swap),
+    KESTREL_PROC_MS_FIELD(kStatPss, "pss", "pss", 7, kPages, pss),
+    KESTREL_PROC_MS_FIELD(kStatJavaHeap, "java_heap", "JHeap", 7, kPages, java_heap),
+    KESTREL_PROC_MS_FIELD(kStatNativeHeap, "native_heap", "NHeap", 7, kPages, native_heap),
+    KESTREL_PROC_MS_FIELD(kStatDmabuf, "dmabuf", "dma-buf", 7, kPages, dmabuf),
+    KESTREL_PROC_MS_FIELD(kStatAshmem, "ashmem", "ashmem", 7, kPages, ashmem),
+    KESTREL_PROC_MS_FIELD(kStatGpu, "gpu", "gpu", 7, kPages, gpu),
+};
+
+#undef KESTREL_PROC_MS_FIELD
+
+// The field's value: signed for the counts the record keeps signed, unsigned for the others.
+inline long long proc_ms_get(const proc_ms& ms, const ProcMsField& f) {
+  const auto* at = reinterpret_cast<const unsigned char*>(&ms) + f.offset;
+  switch (f.size) {
+    case 1: { uint8_t v; memcpy(&v, at, 1); return v; }
+    case 2: { int16_t v; memcpy(&v, at, 2); return v; }
+    default: {
+      if (f.kind == ProcMsField::kPages) { uint32_t v; memcpy(&v, at, 4); return v; }
+      int32_t v; memcpy(&v, at, 4); return v;
+    }
+  }
+}
+
+// Stores `value` cut to the field's width, as a cast to the field's type would.
+inline void proc_ms_set(proc_ms* ms, const ProcMsField& f, long long value) {
+  auto* at = reinterpret_cast<unsigned char*>(ms) + f.offset;
+  const uint32_t v = static_cast<uint32_t>(value);
+  if (f.size == 1) { uint8_t b = static_cast<uint8_t>(v); memcpy(at, &b, 1); }
+  if (f.size == 2) { uint16_t h = static_cast<uint16_t>(v); memcpy(at, &h, 2); }
+  if (f.size == 4) memcpy(at, &v, 4);
+}
+
+// Copies the field from one record to another.
+inline void proc_ms_copy(const proc_ms& from, proc_ms* to, const ProcMsField& f) {
+  memcpy(reinterpret_cast<unsigned char*>(to) + f.offset,
+         reinterpret_cast<const unsigned char*>(&from) + f.offset, f.size);
+}
+
+}  // namespace tarvo::kestrel::memstat
