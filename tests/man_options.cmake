@@ -2,8 +2,10 @@
 # Keeps docs/kestrel.1 and the option tables in cmds/ from drifting apart. Every short and long
 # name of a command's option table must appear in that command's section of the manual page
 # (".SS \"kestrel <command> ...\"", up to the next section) as \-x or \-\-long\-name, and every
-# option that section shows must still be in the table. Files of cmds/ that are not a command
-# (cmd_<word>.cpp) only need their options somewhere in the page.
+# option that section shows must still be in the table. Each row's option line in the page (the
+# line after ".TP") must pair the row's short and long names as the table does and show a value
+# when the row takes one. Files of cmds/ that are not a command (cmd_<word>.cpp) only need their
+# options somewhere in the page.
 #
 # Included by tests/CMakeLists.txt it registers itself as a test; the test runs it as
 #   cmake -DKESTREL_SOURCE_DIR=<top of the tree> -P tests/man_options.cmake
@@ -23,6 +25,25 @@ file(READ ${page_path} page)
 # every "\-" is one marker character, so that "\-\-pid" is "MMpid" and cannot be read as "\-p".
 string(ASCII 1 M)
 string(REPLACE "\\-" "${M}" page "${page}")
+
+# The option lines of the page (the line after each ".TP"), each as "<command word>|<line>".
+string(REPLACE ";" "," lines "${page}")
+string(REPLACE "\n" ";" lines "${lines}")
+set(option_lines "")
+set(word "")
+set(after_tp FALSE)
+foreach(line IN LISTS lines)
+  if(line MATCHES "^\\.SS \"kestrel ([^ \"]+)")
+    string(REPLACE "${M}" "-" word "${CMAKE_MATCH_1}")
+  elseif(after_tp AND line MATCHES "^\\.B")
+    list(APPEND option_lines "${word}|${line}")
+  endif()
+  set(after_tp FALSE)
+  if(line STREQUAL ".TP")
+    set(after_tp TRUE)
+  endif()
+endforeach()
+
 string(REPLACE "\n" " " page " ${page} ")
 
 # The options a piece of the page shows, as "-x" and "--long-name": the words that are a minus
@@ -95,6 +116,36 @@ foreach(source ${sources})
       continue()
     endif()
     set(where "section \"kestrel ${word}\"")
+
+    # Row by row: the option line that shows the long name must show the row's short name too,
+    # and a value when the row takes one.
+    string(REGEX MATCHALL "{\\.type = OPTION_[A-Z]+,[^}]*}" rows "${code}")
+    foreach(row ${rows})
+      if(NOT row MATCHES "\\.long_name = \"([^\"]+)\"")
+        continue()
+      endif()
+      string(REPLACE "-" "${M}" long "${M}${M}${CMAKE_MATCH_1}")
+      set(found "")
+      foreach(entry ${option_lines})
+        if(entry MATCHES "^${word}\\|(.*${long}([^A-Za-z0-9_${M}].*)?)$")
+          set(found "${CMAKE_MATCH_1}")
+        endif()
+      endforeach()
+      string(REPLACE "${M}" "-" shown_long "${long}")
+      if(NOT found)
+        list(APPEND problems "${name}: no option line for ${shown_long} in ${where}")
+        continue()
+      endif()
+      if(row MATCHES "\\.short_name = '(.)'")
+        set(short "${CMAKE_MATCH_1}")
+        if(NOT found MATCHES "(^|[^A-Za-z0-9_${M}])${M}${short}([^A-Za-z0-9_]|$)")
+          list(APPEND problems "${name}: the line of ${shown_long} lacks -${short}")
+        endif()
+      endif()
+      if(row MATCHES "OPTION_(INTEGER|STRING)" AND NOT found MATCHES "\\\\fI|^\\.BI ")
+        list(APPEND problems "${name}: the line of ${shown_long} shows no value")
+      endif()
+    endforeach()
   else()
     set(section "${page}")
     set(where "the manual page")
