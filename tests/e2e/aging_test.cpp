@@ -14,7 +14,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/e2e/harness.h"
+#include "tests/support/sandbox.h"
 
 namespace {
 

@@ -17,7 +17,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/e2e/harness.h"
+#include "tests/support/sandbox.h"
 
 namespace kestrel_e2e {
 namespace {

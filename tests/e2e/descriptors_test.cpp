@@ -16,8 +16,8 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/e2e/harness.h"
-#include "tests/fixtures/utils/elf_image.h"
+#include "tests/support/sandbox.h"
+#include "tests/support/elf_image.h"
 
 namespace kestrel_e2e {
 namespace {
@@ -71,7 +71,8 @@ void run_in_sandbox(Sandbox& box, const Ending& e) {
   SCOPED_TRACE(e.name);
   RunOptions opts;
   opts.scenario = e.scenario;
-  opts.env = {"KESTREL_SIM_FD_REPORT=/tmp/fds"};
+  opts.env = {"KESTREL_FD_REPORT=/tmp/fds"};
+  opts.preload = {fd_report_library()};
   Result r = box.run(e.args, opts);
   expect_ending(e, r, report_of(box.host_path("/tmp/fds")));
 }
@@ -82,7 +83,8 @@ void run_on_host(const std::vector<Ending>& endings) {
     TempDir dir;
     RunOptions opts;
     opts.scenario = e.scenario;
-    opts.env = {"KESTREL_SIM_FD_REPORT=" + dir.file("fds")};
+    opts.env = {"KESTREL_FD_REPORT=" + dir.file("fds")};
+    opts.preload = {fd_report_library()};
     Result r = run_kestrel(e.args, opts);
     expect_ending(e, r, report_of(dir.file("fds")));
   }

@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "tests/e2e/harness.h"
+#include "tests/support/process.h"
 
 namespace {
 

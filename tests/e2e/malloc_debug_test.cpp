@@ -14,7 +14,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/e2e/harness.h"
+#include "tests/support/process.h"
 
 namespace kestrel_e2e {
 namespace {

@@ -12,8 +12,8 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/e2e/harness.h"
-#include "tests/fixtures/utils/elf_image.h"
+#include "tests/support/sandbox.h"
+#include "tests/support/elf_image.h"
 
 namespace {
 

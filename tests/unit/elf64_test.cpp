@@ -13,7 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "libelf64/elf64.h"
-#include "tests/fixtures/utils/elf_image.h"
+#include "tests/support/elf_image.h"
 
 namespace {
 

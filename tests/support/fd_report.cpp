@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Descriptor report for the end-to-end tests. With KESTREL_SIM_FD_REPORT=<path> in its
+// Descriptor report for the end-to-end tests, preloaded beside the driver simulator. With
+// KESTREL_FD_REPORT=<path> in its
 // environment, the program writes to <path>, as it ends through exit(), every descriptor it opened
 // since it started and still holds, one line each in descriptor order:
 //
@@ -27,7 +28,7 @@
 #include <string>
 #include <vector>
 
-namespace kestrel_sim {
+namespace kestrel_test {
 namespace {
 
 struct Held {
@@ -110,7 +111,7 @@ void write_report() {
   });
   int out = open(s.path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (out < 0 || write(out, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
-    std::string line = "kestrel-sim: cannot write " + s.path + ": " + strerror(errno) + "\n";
+    std::string line = "fd report: cannot write " + s.path + ": " + strerror(errno) + "\n";
     (void)!write(2, line.data(), line.size());
   }
   if (out >= 0) close(out);
@@ -118,12 +119,12 @@ void write_report() {
 }
 
 __attribute__((constructor)) void take_inherited() {
-  const char* path = getenv("KESTREL_SIM_FD_REPORT");
+  const char* path = getenv("KESTREL_FD_REPORT");
   if (path == nullptr || *path == '\0') return;
   ReportState& s = state();
   s.path = path;
   s.pid = getpid();
-  unsetenv("KESTREL_SIM_FD_REPORT");
+  unsetenv("KESTREL_FD_REPORT");
   for_each_fd([&](int fd) {
     struct stat st;
     if (fstat(fd, &st) == 0) s.inherited.push_back({fd, st.st_dev, st.st_ino});
@@ -133,10 +134,10 @@ __attribute__((constructor)) void take_inherited() {
 __attribute__((destructor)) void report_on_unload() { write_report(); }
 
 }  // namespace
-}  // namespace kestrel_sim
+}  // namespace kestrel_test
 
 extern "C" void exit(int status) noexcept {
-  kestrel_sim::write_report();
+  kestrel_test::write_report();
   static auto real = reinterpret_cast<void (*)(int)>(dlsym(RTLD_NEXT, "exit"));
   real(status);
   __builtin_unreachable();

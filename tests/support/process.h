@@ -1,0 +1,96 @@
+// SPDX-License-Identifier: Apache-2.0
+// The process runner of the end-to-end tests: runs the shipped kestrel binary (or any program)
+// as a child, under the driver simulator (LD_PRELOAD) with a scenario, with its output on pipes
+// or on a pseudo-terminal, and returns what it printed and how it ended.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace kestrel_e2e {
+
+struct Result {
+  std::string out;     // standard output (the terminal's output when run on a pty)
+  std::string err;     // standard error
+  int status = -1;     // exit status, or 128 + signal number when killed by a signal
+  bool timed_out = false;
+};
+
+struct RunOptions {
+  // Scenario text for the driver simulator. Empty: the simulator's host mode. The simulator is
+  // loaded unless `simulator` is false.
+  std::string scenario;
+  bool simulator = true;
+  std::vector<std::string> preload;  // further libraries preloaded after the simulator
+  std::vector<std::string> env;      // extra "NAME=value" entries; TZ=UTC is always set
+  std::string stdin_data;            // written to standard input, which is then closed
+  int timeout_ms = 20000;            // the child is killed after this long (timed_out set)
+  bool pty = false;                  // standard output on a pseudo-terminal of pty_cols columns
+  unsigned pty_cols = 80;
+  unsigned pty_rows = 24;
+};
+
+// Paths of the build under test.
+std::string kestrel_binary();
+std::string simulator_library();
+std::string simulator_wrapper();   // tools/kestrel-sim/kestrel-sim as the build copied it
+std::string fd_report_library();   // writes the descriptors a program holds as it exits
+std::string fixtures_dir();
+
+// Runs `kestrel args...`.
+Result run_kestrel(const std::vector<std::string>& args, const RunOptions& opts = {});
+
+// Runs any program the same way (argv[0] is the program path).
+Result run_program(const std::vector<std::string>& argv, const RunOptions& opts = {});
+
+// A fresh folder under /tmp, removed with everything in it when the object goes.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::string& path() const { return path_; }
+  std::string file(const std::string& name) const { return path_ + "/" + name; }
+  // Writes `content` to file(name) and returns that path.
+  std::string write(const std::string& name, const std::string& content) const;
+  // The content of file(name), or "" when it cannot be read.
+  std::string read(const std::string& name) const;
+
+ private:
+  std::string path_;
+};
+
+// --- for the sandbox ---------------------------------------------------------------------------
+
+// What a run does in the child between fork and exec (only system calls there), and once the
+// child has been reaped.
+class ChildSetup {
+ public:
+  virtual ~ChildSetup() = default;
+  virtual void InChild(std::vector<char*>& env) = 0;
+  virtual void Reaped(pid_t pid) = 0;
+};
+
+// The child's environment: ours without what would change the output or the simulator, then
+// TZ=UTC, the simulator with the scenario at `scenario_path` and the caller's entries.
+std::vector<std::string> child_env(const RunOptions& opts, const std::string& scenario_path,
+                                   bool leaks_off);
+
+Result launch(const std::vector<std::string>& argv, std::vector<std::string> env,
+              const RunOptions& opts, ChildSetup* setup);
+
+// Reports a failed call of the child on its standard error and ends it with status 127.
+[[noreturn]] void child_fail(const char* what);
+
+bool make_dirs(const std::string& path, mode_t mode = 0755);
+std::string parent_of(const std::string& path);
+bool write_text(const std::string& path, const std::string& content, mode_t mode = 0644);
+std::string read_text(const std::string& path);
+void remove_tree(const std::string& path);
+std::string make_temp_dir(const char* prefix);
+
+}  // namespace kestrel_e2e
