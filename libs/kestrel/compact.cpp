@@ -23,9 +23,7 @@ CompactSyscalls CompactSyscalls::Platform() {
 namespace {
 
 const uint64_t kPageSize = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
-// The kernel handles at most MAX_RW_COUNT bytes per call, INT_MAX rounded down to a page; a
-// longer vector would be cut short by the kernel without saying where.
-const uint64_t kByteLimit = (0 - kPageSize) & 0x7fffffff;
+const uint64_t kByteLimit = compact_byte_limit();
 
 // Mappings collected for one advice. The vector keeps its entries from process to process so a
 // walk over every process does not reallocate them; only the first `count` are current.
@@ -95,6 +93,10 @@ int64_t send_batch(const CompactSyscalls& calls, int pidfd, iovec* iov, size_t r
 }
 
 }  // namespace
+
+uint64_t compact_byte_limit() {
+  return (0 - static_cast<uint64_t>(sysconf(_SC_PAGESIZE))) & 0x7fffffff;
+}
 
 int getAnyPageAdvice(const Vma&) { return kAdvicePageout; }
 

@@ -27,6 +27,10 @@ inline constexpr int kAdviceNone = -1;
 // The kernel takes at most this many ranges per process_madvise call.
 inline constexpr size_t kMaxBatchRanges = 1024;
 
+// The bytes the kernel takes in one process_madvise call: MAX_RW_COUNT, INT_MAX rounded down to
+// a page. A longer vector would be cut short by the kernel without saying where.
+uint64_t compact_byte_limit();
+
 // The two system calls compaction makes: the platform's own, or a test's fakes.
 struct CompactSyscalls {
   int (*pidfd_open)(pid_t pid, unsigned int flags);

@@ -19,7 +19,7 @@ using tarvo::kestrel::maps::Vma;
 using Ranges = std::vector<std::pair<uint64_t, uint64_t>>;  // base, length
 
 const uint64_t kPage = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
-const uint64_t kLimit = (uint64_t{1} << 31) - kPage;  // bytes the kernel takes in one call
+const uint64_t kLimit = compact_byte_limit();
 
 using Reply = std::pair<ssize_t, int>;  // a byte count, or -1 and an errno
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The memory configuration: RAM tiers, loading the XML file over each tier's defaults, read_file,
+// The memory configuration: loading the XML file over a tier's defaults, read_file,
 // the system-state report on fixture trees. Printouts are proven end to end.
 #include <stdio.h>
 #include <stdlib.h>
@@ -39,39 +39,21 @@ std::string shown(const Configure& cfg) {
          printed([&](FILE* out) { show_config(cfg, true, true, true, out); });
 }
 
-TEST(RamTier, CarriesTheReportedTotalUpToTheNominalSize) {
-  const std::pair<uint32_t, int> cases[] = {
-      {0, 1},              {kGiB - 1, 1},      {kGiB, 2},           {2 * kGiB - 1, 2},
-      {2 * kGiB, 3},       {3 * kGiB - 1, 3},  {3 * kGiB, 4},       {4 * kGiB - 1, 4},
-      {4 * kGiB, 6},       {6 * kGiB - 1, 6},  {6 * kGiB, 8},       {8 * kGiB - 1, 8},
-      {8 * kGiB, 12},      {12 * kGiB - 1, 12}, {12 * kGiB, 16},    {16 * kGiB - 1, 16},
-      {16 * kGiB, 24},     {24 * kGiB - 1, 24}, {24 * kGiB, -1},    {UINT32_MAX, -1},
-  };
-  for (auto [total_kib, tier] : cases) EXPECT_EQ(ram_tier(total_kib), tier) << total_kib << " KiB";
-}
-
 TEST(LoadConfig, ReadsTheTierSectionOverItsDefaultsOrFailsWithOneMessage) {
   const std::string empty = kDir + "empty_sections.xml", groups = kDir + "groups.xml",
                     invalid = kDir + "invalid_values.xml",
                     sample = KESTREL_FIXTURES "/../../examples/tarvo_mm_config.xml";
-  auto defaults = [](int tier, int32_t disk, int32_t chp) {
-    return Configure{disk, 2048, 0, 1, "lz4", {chp, chp, chp, "lz4", "zstdn"}, 160, 60, tier};
-  };
   const struct {
     std::string path;
     int tier;
     Configure expected;
     std::string err;  // a failed load prints only this
   } cases[] = {
-      {empty, 1, defaults(1, 768, 0)},         {empty, 2, defaults(2, 1280, 0)},
-      {empty, 3, defaults(3, 1536, 0)},        {empty, 4, defaults(4, 2560, 0)},
-      {empty, 6, defaults(6, 3072, 0)},        {empty, 8, defaults(8, 5632, 0)},
-      {empty, 12, defaults(12, 5632, 7168)},   {empty, 16, defaults(16, 7680, 8704)},
-      {empty, 24, defaults(24, 7680, 8704)},   {empty, -1, defaults(-1, 7680, 8704)},
+      {empty, 12, Configure::Defaults(12)},
       {groups, 8, {6000, 1500, 4000, 0, "zstd", {1000, 2000, 3000, "lzo-rle", "zstd"}, 99, 77, 8}},
       {groups, 12, {4096, 2048, 0, 1, "lz4", {7168, 7168, 7168, "lz4", "lz4hc"}, 160, 30, 12}},
       {groups, 1, {768, 2048, 111, 1, "lz4", {0, 0, 0, "lz4", "zstdn"}, 160, 60, 1}},
-      {groups, 3, defaults(3, 1536, 0)},
+      {groups, 3, Configure::Defaults(3)},
       {sample, 1, {768, 512, 512, 0, "lz4", {0, 0, 0, "lz4", "zstd"}, 100, 40, 1}},
       {sample, 2, {1280, 1024, 1024, 0, "lz4", {0, 0, 0, "lz4", "zstd"}, 120, 50, 2}},
       {sample, 3, {1536, 1024, 1536, 1, "lz4", {0, 0, 0, "lz4", "zstd"}, 140, 60, 3}},
