@@ -9,7 +9,6 @@
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <vector>
@@ -152,7 +151,7 @@ bool init_helper(ProcMemStatHelper& helper) {
 }
 
 bool stat_request(int fd, unsigned long request, void* arg) {
-  if (TEMP_FAILURE_RETRY(ioctl(fd, request, arg)) >= 0) return true;
+  if (util::KestrelRequest(fd, request, reinterpret_cast<unsigned long>(arg)) >= 0) return true;
   KLOGE("Failed to ioctl %s\n", strerror(errno));
   return false;
 }

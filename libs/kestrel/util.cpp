@@ -23,10 +23,6 @@ int g_write_fd = -1;
 
 int open_device(int flags) { return TEMP_FAILURE_RETRY(open(driver::kDevicePath, flags | O_CLOEXEC)); }
 
-int device_request(int fd, unsigned long request, unsigned long arg) {
-  return TEMP_FAILURE_RETRY(ioctl(fd, request, arg));
-}
-
 }  // namespace
 
 int KestrelFd() {
@@ -41,7 +37,7 @@ int KestrelFd() {
 bool KestrelVersion(int& major, int& minor) {
   int fd = KestrelFd();
   if (fd < 0) return false;
-  int ret = device_request(fd, driver::kGetVersion, 0);
+  int ret = KestrelRequest(fd, driver::kGetVersion, 0);
   if (ret < 0) {
     KLOGE_AT(51, "Failed to ioctl %s\n", strerror(errno));
     return false;
@@ -65,13 +61,17 @@ bool KestrelSetOrClearScene(unsigned long long scene, bool set) {
   }
   driver::scene_request req = {};
   req.scene = scene;
-  int ret = device_request(g_write_fd, set ? driver::kSetScene : driver::kClearScene,
+  int ret = KestrelRequest(g_write_fd, set ? driver::kSetScene : driver::kClearScene,
                            reinterpret_cast<unsigned long>(&req));
   if (ret < 0) {
     KLOGE_AT(79, "Failed to ioctl %s\n", strerror(errno));
     return false;
   }
   return true;
+}
+
+int KestrelRequest(int fd, unsigned long request, unsigned long arg) {
+  return TEMP_FAILURE_RETRY(ioctl(fd, request, arg));
 }
 
 }  // namespace tarvo::kestrel::util

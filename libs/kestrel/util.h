@@ -15,4 +15,8 @@ bool KestrelVersion(int& major, int& minor);
 // Sets (set true) or clears one scene; only scenes 0 and 1 exist.
 bool KestrelSetOrClearScene(unsigned long long scene, bool set);
 
+// Issues one request on a driver descriptor, reissued while it is interrupted. The driver's
+// answer, or -1 with errno set; nothing is logged here.
+int KestrelRequest(int fd, unsigned long request, unsigned long arg);
+
 }  // namespace tarvo::kestrel::util
