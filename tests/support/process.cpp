@@ -157,7 +157,7 @@ bool open_streams(const RunOptions& opts, Streams* s, std::string* why) {
   }
   winsize ws = {};
   ws.ws_col = static_cast<unsigned short>(opts.pty_cols);
-  ws.ws_row = static_cast<unsigned short>(opts.pty_rows);
+  ws.ws_row = 24;
   if (openpty(&s->out[0], &s->out[1], nullptr, nullptr, &ws) < 0) {
     *why = std::string("harness: openpty: ") + strerror(errno);
     return false;
@@ -189,27 +189,18 @@ bool open_streams(const RunOptions& opts, Streams* s, std::string* why) {
   child_fail(argv[0]);
 }
 
-// Collects the child's output and feeds its input until both outputs end, killing the child
-// (and what it started) when the time runs out.
-void collect(pid_t pid, const std::string& input, int timeout_ms, int in, int out, int err,
-             Result* result) {
+// Collects the child's output until both streams end, killing the child (and what it started)
+// when the time runs out.
+void collect(pid_t pid, int timeout_ms, int out, int err, Result* result) {
   int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
-  int stdin_fd = in;
-  fcntl(stdin_fd, F_SETFL, O_NONBLOCK);
-  size_t stdin_done = 0;
-  if (input.empty()) {
-    close(stdin_fd);
-    stdin_fd = -1;
-  }
   std::string* sinks[] = {&result->out, &result->err};
   int readers[] = {out, err};
   int64_t deadline = now_ms() + timeout_ms;
   bool exited = false;
   while (readers[0] >= 0 || readers[1] >= 0) {
-    pollfd fds[4];
+    pollfd fds[3];
     int n = 0;
     for (int r : readers) fds[n++] = {r, POLLIN, 0};
-    fds[n++] = {stdin_fd, POLLOUT, 0};
     fds[n++] = {exited ? -1 : pidfd, POLLIN, 0};
     int64_t left = deadline - now_ms();
     if (left <= 0) {
@@ -233,17 +224,9 @@ void collect(pid_t pid, const std::string& input, int timeout_ms, int in, int ou
         readers[i] = -1;
       }
     }
-    if (stdin_fd >= 0 && fds[2].revents != 0) {
-      ssize_t put = write(stdin_fd, input.data() + stdin_done, input.size() - stdin_done);
-      if (put > 0) stdin_done += static_cast<size_t>(put);
-      if ((put < 0 && errno != EAGAIN && errno != EINTR) || stdin_done == input.size()) {
-        close(stdin_fd);
-        stdin_fd = -1;
-      }
-    }
     if (!exited && (pidfd < 0 ? waitid(P_PID, static_cast<id_t>(pid), nullptr,
                                        WEXITED | WNOHANG | WNOWAIT) == 0
-                              : fds[3].revents != 0)) {
+                              : fds[2].revents != 0)) {
       exited = true;
       // Leftover helpers of the child go with it; their output is still collected.
       kill(-pid, SIGKILL);
@@ -253,7 +236,6 @@ void collect(pid_t pid, const std::string& input, int timeout_ms, int in, int ou
   for (int r : readers) {
     if (r >= 0) close(r);
   }
-  if (stdin_fd >= 0) close(stdin_fd);
   if (pidfd >= 0) close(pidfd);
 }
 
@@ -272,14 +254,15 @@ Result launch(const std::vector<std::string>& argv, std::vector<std::string> env
   pid_t pid = fork();
   if (pid == 0) exec_child(opts, s, c_argv, c_env, setup);
   close(s.in[0]);
+  close(s.in[1]);  // the child reads an empty standard input
   close(s.out[1]);
   close(s.err[1]);
   if (pid < 0) {
-    for (int fd : {s.in[1], s.out[0], s.err[0]}) close(fd);
+    for (int fd : {s.out[0], s.err[0]}) close(fd);
     result.err = "harness: fork failed";
     return result;
   }
-  collect(pid, opts.stdin_data, opts.timeout_ms, s.in[1], s.out[0], s.err[0], &result);
+  collect(pid, opts.timeout_ms, s.out[0], s.err[0], &result);
   int status = 0;
   TEMP_FAILURE_RETRY(waitpid(pid, &status, 0));
   result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);

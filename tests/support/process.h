@@ -25,11 +25,9 @@ struct RunOptions {
   bool simulator = true;
   std::vector<std::string> preload;  // further libraries preloaded after the simulator
   std::vector<std::string> env;      // extra "NAME=value" entries; TZ=UTC is always set
-  std::string stdin_data;            // written to standard input, which is then closed
   int timeout_ms = 20000;            // the child is killed after this long (timed_out set)
   bool pty = false;                  // standard output on a pseudo-terminal of pty_cols columns
   unsigned pty_cols = 80;
-  unsigned pty_rows = 24;
 };
 
 // Paths of the build under test.

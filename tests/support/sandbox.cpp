@@ -36,19 +36,18 @@ void enter_sandbox(const std::string& root, const std::vector<Bind>& binds);
 struct SandboxPlan : ChildSetup {
   std::string root;
   std::vector<Bind> binds;
-  bool fixture_proc = false;
   bool task_entry = false;  // the child gets /proc/<pid>/task of the real procfs (see below)
   std::string asan_without_leaks;
 
   void InChild(std::vector<char*>& env) override {
     enter_sandbox(root, binds);
-    if (!fixture_proc || !task_entry || make_task_entry()) return;
+    if (!task_entry || make_task_entry()) return;
     for (char*& e : env) {
       if (e != nullptr && strncmp(e, "ASAN_OPTIONS=", 13) == 0) e = asan_without_leaks.data();
     }
   }
   void Reaped(pid_t pid) override {
-    if (fixture_proc && task_entry) remove_task_entry(root, pid);
+    if (task_entry) remove_task_entry(root, pid);
   }
 };
 
@@ -160,8 +159,6 @@ void Sandbox::make_symlink(const std::string& target, const std::string& inside)
   }
 }
 
-void Sandbox::use_real_proc() { real_proc_ = true; }
-
 std::string Sandbox::read_file(const std::string& inside) const {
   return read_text(host_path(inside));
 }
@@ -196,20 +193,15 @@ Result Sandbox::run_program(const std::vector<std::string>& argv, const RunOptio
   bind(KESTREL_SOURCE_DIR, true);
   std::string build = KESTREL_BUILD_DIR, source = KESTREL_SOURCE_DIR;
   if (build.compare(0, source.size() + 1, source + "/") != 0) bind(build, true);
-  plan.fixture_proc = !real_proc_;
   // Other programs may lay out their own entry in /proc; a kestrel they start is not checked
   // for leaks.
-  plan.task_entry = plan.fixture_proc && !argv.empty() && argv[0] == kestrel_binary();
-  if (real_proc_) {
-    bind("/proc", false);
-  } else {
-    bind("/.realproc", false);
-    plan.binds.back().source = "/proc";
-    for (const char* link : {"self", "thread-self"}) {
-      struct stat st;
-      std::string inside = std::string("/proc/") + link;
-      if (lstat(host_path(inside).c_str(), &st) < 0) make_symlink(std::string("/.realproc/") + link, inside);
-    }
+  plan.task_entry = !argv.empty() && argv[0] == kestrel_binary();
+  bind("/.realproc", false);
+  plan.binds.back().source = "/proc";
+  for (const char* link : {"self", "thread-self"}) {
+    struct stat st;
+    std::string inside = std::string("/proc/") + link;
+    if (lstat(host_path(inside).c_str(), &st) < 0) make_symlink(std::string("/.realproc/") + link, inside);
   }
   std::string scenario_path;
   if (opts.simulator && !opts.scenario.empty()) {
@@ -218,7 +210,7 @@ Result Sandbox::run_program(const std::vector<std::string>& argv, const RunOptio
   }
   // Where the child cannot have its task entry, it runs without leak detection instead.
   std::vector<std::string> env =
-      child_env(opts, scenario_path, plan.fixture_proc && !plan.task_entry);
+      child_env(opts, scenario_path, !plan.task_entry);
   for (const std::string& e : env) {
     if (e.starts_with("ASAN_OPTIONS=")) plan.asan_without_leaks = e + ":detect_leaks=0";
   }

@@ -14,7 +14,7 @@ namespace kestrel_e2e {
 
 // A temporary root for commands that use fixed absolute paths. The host's system folders and the
 // build tree are bind-mounted read-only at their own paths; /proc is a fixture folder of plain
-// files (with self and thread-self reaching the real procfs) unless use_real_proc() is called.
+// files, with self and thread-self reaching the real procfs.
 class Sandbox {
  public:
   Sandbox();
@@ -31,7 +31,6 @@ class Sandbox {
   void write_file(const std::string& inside, const std::string& content, mode_t mode = 0644);
   void make_dir(const std::string& inside, mode_t mode = 0755);
   void make_symlink(const std::string& target, const std::string& inside);
-  void use_real_proc();
   std::string read_file(const std::string& inside) const;
 
   // Runs `kestrel args...` inside. A scenario is written to /tmp inside the root, so trace
@@ -43,7 +42,6 @@ class Sandbox {
 
  private:
   std::string root_;
-  bool real_proc_ = false;
 };
 
 // Skips the current test with a one-line reason when sandboxes cannot run here.
