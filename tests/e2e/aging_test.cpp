@@ -24,11 +24,7 @@ using kestrel_e2e::Sandbox;
 const std::string kFixtures = kestrel_e2e::fixtures_dir() + "/aging/";
 const std::string kDaemonFolder = "/data/tarvo/heapdump/kestrel";
 
-std::string read(const fs::path& path) {
-  std::ostringstream content;
-  content << std::ifstream(path).rdbuf();
-  return content.str();
-}
+std::string read(const fs::path& path) { return kestrel_e2e::read_text(path); }
 
 std::string fixture(const std::string& name) { return read(kFixtures + name); }
 

@@ -25,12 +25,6 @@ namespace {
 const std::string kHelperDir = std::string(KESTREL_BUILD_DIR) + "/tests/compact";
 const RunOptions kNoSim{.simulator = false};
 
-std::string read_text(const std::string& path) {
-  std::ostringstream s;
-  s << std::ifstream(path, std::ios::binary).rdbuf();
-  return s.str();
-}
-
 // The whole outcome of a run; the elapsed time is the one part that changes from run to run.
 void expect_run(const Result& r, const std::string& out, const std::string& err, int status) {
   static const std::regex kDone("done: total [0-9]+\\.[0-9]{3} ms\n");

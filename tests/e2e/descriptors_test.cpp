@@ -5,7 +5,6 @@
 // descriptor report lists what the program opened and still holds as it calls exit().
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/sysinfo.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -46,6 +45,8 @@ struct Ending {
 // sorted, or one line saying there was none. Numbers and order are left out: the simulator
 // closes its end of a finished stream at a moment of its own, so later descriptors may or may
 // not take its number.
+constexpr int kAnyStatus = -1;
+
 std::vector<std::string> report_of(const std::string& path) {
   std::ifstream in(path);
   if (!in) return {"<no report at " + path + ">"};
@@ -57,7 +58,9 @@ std::vector<std::string> report_of(const std::string& path) {
 
 void expect_ending(const Ending& e, const Result& r, const std::vector<std::string>& kept) {
   EXPECT_FALSE(r.timed_out);
-  EXPECT_EQ(r.status, e.status);
+  if (e.status != kAnyStatus) {
+    EXPECT_EQ(r.status, e.status);
+  }
   if (e.err != nullptr) {
     EXPECT_EQ(r.err, e.err);
   }
@@ -140,12 +143,6 @@ TEST(Descriptors, LoggerKeepsOnlyTheDriver) {
   });
 }
 
-unsigned long long ram_kib() {
-  struct sysinfo info = {};
-  sysinfo(&info);
-  return static_cast<unsigned long long>(info.totalram) * info.mem_unit >> 10;
-}
-
 TEST(Descriptors, ConfigKeepsNothing) {
   const std::string fixtures = fixtures_dir() + "/config/";
   const std::string sample = fixtures + "../../../examples/tarvo_mm_config.xml";
@@ -157,9 +154,9 @@ TEST(Descriptors, ConfigKeepsNothing) {
       {"not well-formed", {"config", "--load", "all", "--file", fixtures + "not_well_formed.xml"},
        "", 255, nullptr, {}},
       {"usage", {"config"}, "", 129, nullptr, {}},
-      // Runs readelf through a pipe, which must be closed again. From 24 GiB of RAM on the report
-      // is refused.
-      {"report", {"config", "--list"}, "", ram_kib() >= (24ull << 20) ? 129 : 0, nullptr, {}},
+      // Runs readelf through a pipe, which must be closed again; the report's status, which
+      // depends on this machine's RAM, is the config tests' business.
+      {"report", {"config", "--list"}, "", kAnyStatus, nullptr, {}},
   });
 }
 
