@@ -6,7 +6,7 @@
 
 #include <errno.h>
 #include <string.h>
-#include <sys/select.h>
+#include <poll.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -210,21 +210,17 @@ int kestrel_logger_print(Format format, int fd, user_logger_entry_compat* record
 }
 
 void read_record(int fd, RecordBuffer* buf, const struct timeval* timeout) {
+  // poll, not select: a parent that leaks descriptors can hand us a driver descriptor of 1024 or
+  // more, which an fd_set cannot hold.
+  const int wait_ms = timeout == nullptr
+                          ? -1
+                          : static_cast<int>(timeout->tv_sec * 1000 + timeout->tv_usec / 1000);
   for (;;) {
-    fd_set readable;
-    FD_ZERO(&readable);
-    FD_SET(fd, &readable);
-    // select may change the time-out it is given, so every wait starts from a fresh copy.
-    struct timeval wait;
-    struct timeval* wait_for = nullptr;
-    if (timeout != nullptr) {
-      wait = *timeout;
-      wait_for = &wait;
-    }
-    int ready = select(fd + 1, &readable, nullptr, nullptr, wait_for);
+    struct pollfd readable = {.fd = fd, .events = POLLIN, .revents = 0};
+    int ready = poll(&readable, 1, wait_ms);
     if (ready < 0) continue;
-    if (!FD_ISSET(fd, &readable)) {
-      if (ready == 0 && timeout != nullptr) die("read: timeout!\n");
+    if (ready == 0) {
+      if (timeout != nullptr) die("read: timeout!\n");
       continue;
     }
 

@@ -1,0 +1,78 @@
+// SPDX-License-Identifier: Apache-2.0
+// What a hostile caller or a hostile neighbour can set up around the shipped binary: a parent
+// that leaks descriptors, links and FIFOs planted in world-writable folders, files far larger
+// than any real one, a standard output that cannot be written, stray arguments. Each surface is
+// one table; every case ends with a clear error or the correct result.
+#include <signal.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tests/e2e/harness.h"
+
+namespace kestrel_e2e {
+namespace {
+
+struct Case {
+  const char* name;
+  std::vector<std::string> args;
+  std::string scenario;
+  std::string out, err;
+  int status;
+};
+
+void expect_result(const Case& c, const Result& r) {
+  EXPECT_EQ(std::make_tuple(r.out, r.err, r.status, r.timed_out),
+            std::make_tuple(c.out, c.err, c.status, false));
+}
+
+// bash runs `prelude`, then execs kestrel with the case's arguments: it can leave descriptors
+// open or point standard output somewhere else first.
+std::vector<std::string> via_bash(const std::string& prelude, const std::vector<std::string>& args) {
+  std::vector<std::string> argv = {"/bin/bash", "-c", prelude + "; exec \"$@\"", "launcher",
+                                   kestrel_binary()};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return argv;
+}
+
+// Descriptors 3 to 1102 open, so the driver's descriptor is above what an fd_set holds.
+const std::string kLeakyParent =
+    "ulimit -n 4096; for ((i = 3; i <= 1102; i++)); do eval \"exec $i</dev/null\"; done";
+
+TEST(Hostile, DriverDescriptorAbove1024IsWaitedOnLikeAnyOther) {
+  // malloc-debug sends its request to this process, which ignores the signal.
+  signal(SIGRTMAX - 19, SIG_IGN);
+  const std::string pid = std::to_string(getpid());
+  const std::string record = "log pid=1 tid=1 prio=4 sec=97445 nsec=6000000 tag=kestrel msg=up\n";
+  const Case cases[] = {
+      {"logger", {"logger"}, record + "at-end eof\n",
+       "01-02 03:04:05.006     1     1 I kestrel :up\n", "fatal: read: Unexpected EOF!\n\n", 129},
+      {"malloc-debug dump", {"malloc-debug", "-d", pid},
+       "log pid=" + pid + " tid=1 prio=4 sec=now nsec=0 tag=malloc_debug msg=END of dump\nat-end hold\n",
+       "END of dump\n", "", 0},
+      {"malloc-debug time-out", {"malloc-debug", "-d", pid}, "at-end hold\n", "",
+       "fatal: read: timeout!\n\n", 129},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    expect_result(c, run_program(via_bash(kLeakyParent, c.args), {.scenario = c.scenario}));
+  }
+
+  KESTREL_REQUIRE_SANDBOX();
+  Sandbox box;
+  box.write_file("/proc/meminfo", "MemTotal: 1 kB\n");
+  box.make_dir("/data/tarvo/heapdump");
+  expect_result({"aging", {}, "", "", "fatal: read: Unexpected EOF!\n\n", 129},
+                box.run_program(via_bash(kLeakyParent, {"aging"}), {.scenario = record + "at-end eof\n"}));
+  EXPECT_EQ(box.read_file("/data/tarvo/heapdump/kestrel/device.txt"),
+            "01-02 03:04:05.006     1     1 I kestrel :up\n");
+}
+
+}  // namespace
+}  // namespace kestrel_e2e
