@@ -158,7 +158,9 @@ int cmd_proc_madvise(int argc, const char** argv) {
        .defval = kCompactAnon},
       {.type = OPTION_END},
   };
-  parse_options(argc, argv, options, usage);
+  // A leftover word is most likely a pid typed without --pid; going on would compact every
+  // system process instead of the one meant.
+  if (parse_options(argc, argv, options, usage) > 0) usage_with_options(usage, options);
   if (kind == 0) kind = kCompactAll;
 
   timespec begin = {};

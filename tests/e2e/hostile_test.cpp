@@ -74,5 +74,25 @@ TEST(Hostile, DriverDescriptorAbove1024IsWaitedOnLikeAnyOther) {
             "01-02 03:04:05.006     1     1 I kestrel :up\n");
 }
 
+// A pid typed without --pid must not widen the command to every system process.
+TEST(Hostile, StrayArgumentsOfCompactAreRefused) {
+  const std::string usage =
+      "usage: kestrel proc_madvise [options]\n"
+      "    -p,--pid              pid of process. compact all processes (uid > 10000) if not given\n"
+      "    --file                compact file\n"
+      "    --anon                compact anon\n"
+      "\n";
+  const Case cases[] = {
+      {"a bare pid", {"compact", "1234"}, "", "", usage, 129},
+      {"after a switch", {"compact", "--anon", "1234"}, "", "", usage, 129},
+      {"after --pid", {"compact", "--pid", "99999999", "extra"}, "", "", usage, 129},
+      {"an unknown option", {"compact", "--all"}, "", "", usage, 129},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    expect_result(c, run_kestrel(c.args, {.simulator = false}));
+  }
+}
+
 }  // namespace
 }  // namespace kestrel_e2e
