@@ -8,6 +8,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -72,6 +74,33 @@ TEST(Hostile, DriverDescriptorAbove1024IsWaitedOnLikeAnyOther) {
                 box.run_program(via_bash(kLeakyParent, {"aging"}), {.scenario = record + "at-end eof\n"}));
   EXPECT_EQ(box.read_file("/data/tarvo/heapdump/kestrel/device.txt"),
             "01-02 03:04:05.006     1     1 I kestrel :up\n");
+}
+
+// Output that never arrived is a failure; the driver log's printer keeps its one unreported
+// write, so logger goes on to the end of the stream.
+TEST(Hostile, StandardOutputThatCannotBeWrittenEndsWithAFatalError) {
+  const std::string full = "fatal: write failure on standard output: No space left on device\n";
+  std::ifstream scenario_file(std::string(KESTREL_SOURCE_DIR) + "/examples/scenarios/meminfo.scenario");
+  const std::string meminfo((std::istreambuf_iterator<char>(scenario_file)), {});
+  const Case cases[] = {
+      {"no command", {}, "", "", full, 129},
+      {"version", {"version"}, "", "", full, 129},
+      {"meminfo", {"meminfo"}, meminfo, "", full, 129},
+      {"logger", {"logger"},
+       "log pid=1 tid=1 prio=4 sec=0 nsec=0 tag=kestrel msg=lost\nat-end eof\n", "",
+       "fatal: read: Unexpected EOF!\n\n", 129},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    expect_result(c, run_program(via_bash("exec >/dev/full", c.args), {.scenario = c.scenario}));
+  }
+
+  // readelf's complaints about the sandbox's missing libc come first on standard error.
+  KESTREL_REQUIRE_SANDBOX();
+  Sandbox box;
+  Result r = box.run_program(via_bash("exec >/dev/full", {"config", "--list"}), {.simulator = false});
+  EXPECT_EQ(r.status, 129);
+  EXPECT_TRUE(r.err.ends_with(full) || r.err.ends_with("fatal: unsupport ram\n\n")) << r.err;
 }
 
 // A pid typed without --pid must not widen the command to every system process.
