@@ -4,7 +4,10 @@
 // than any real one, a standard output that cannot be written, stray arguments. Each surface is
 // one table; every case ends with a clear error or the correct result.
 #include <signal.h>
+#include <errno.h>
+#include <stddef.h>
 #include <stdio.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,6 +20,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/e2e/harness.h"
+#include "tests/fixtures/utils/elf_image.h"
 
 namespace kestrel_e2e {
 namespace {
@@ -101,6 +105,38 @@ TEST(Hostile, StandardOutputThatCannotBeWrittenEndsWithAFatalError) {
   Result r = box.run_program(via_bash("exec >/dev/full", {"config", "--list"}), {.simulator = false});
   EXPECT_EQ(r.status, 129);
   EXPECT_TRUE(r.err.ends_with(full) || r.err.ends_with("fatal: unsupport ram\n\n")) << r.err;
+}
+
+// Sparse files: a 64 GiB section in an ELF file and a 4 GiB configuration cost no disk space,
+// and must cost no memory either.
+TEST(Hostile, FilesFarLargerThanAnyRealOneAreNotLoaded) {
+  TempDir dir;
+  std::string elf = kestrel_fixtures::elf_image({kestrel_fixtures::elf_load(16384)});
+  // The .text section header, third of four at the end: moved to 1 MiB and made 64 GiB long.
+  const uint64_t text_at = 1 << 20, text_size = uint64_t{64} << 30;
+  const size_t text_header = elf.size() - 2 * sizeof(Elf64_Shdr);
+  memcpy(elf.data() + text_header + offsetof(Elf64_Shdr, sh_offset), &text_at, sizeof(text_at));
+  memcpy(elf.data() + text_header + offsetof(Elf64_Shdr, sh_size), &text_size, sizeof(text_size));
+  const std::string lib = dir.write("huge.so", elf);
+  const std::string xml = dir.write("huge.xml", "<config>");
+  if (truncate(lib.c_str(), static_cast<off_t>(text_at + text_size)) != 0 ||
+      truncate(xml.c_str(), off_t{4} << 30) != 0) {
+    GTEST_SKIP() << "no sparse files of 64 GiB in /tmp: " << strerror(errno);
+  }
+  const Case cases[] = {
+      {"elf", {"utils", "--elf-align", lib}, "",
+       "Program Header 0:\n  Type:   0x00000001\n  Offset: 0x0000000000000000\n"
+       "  VAddr:  0x0000000000000000\n  PAddr:  0x0000000000000000\n"
+       "  FileSz: 0x0000000000000000\n  MemSz:  0x0000000000000000\n  Flags:  0x00000000\n"
+       "  Align:  16384\n",
+       "error: \nVerify align pass! (^_^)\n\n", 0},
+      {"xml", {"config", "--load", "all", "--file", xml}, "", "",
+       "error: failed to open/parse XML file " + xml + " larger than 4 MiB\n\n", 255},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    expect_result(c, run_kestrel(c.args, {.simulator = false}));
+  }
 }
 
 // A pid typed without --pid must not widen the command to every system process.
