@@ -32,11 +32,12 @@ namespace {
 
 constexpr char kHeapdumpRoot[] = "/data/tarvo/heapdump/";
 constexpr char kDaemonFolderName[] = "kestrel";
-constexpr char kDaemonFolder[] = "/data/tarvo/heapdump/kestrel";
 constexpr mode_t kFolderMode = 0777;
 constexpr mode_t kFileMode = 0666;
-// The folders are world-writable; O_NOFOLLOW keeps a link planted there from turning the
-// daemon's appends into writes to some other file.
+// The folders are world-writable, so anyone can plant a link in them. Folders are walked one
+// descriptor at a time and never through a link; files are opened relative to their folder,
+// never through a link.
+constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 constexpr int kAppendFlags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW;
 
 const size_t g_page_size = getpagesize();
@@ -44,6 +45,8 @@ const size_t g_page_size = getpagesize();
 // The daemon reads /proc/meminfo once, but through a reader that could be called again.
 MeminfoReader g_meminfo_reader;
 
+android::base::unique_fd open_daemon_folder(const char* name);
+int open_append(int folder, const char* name);
 [[noreturn]] void listen_device();
 void timer_thread();
 int callback(const Entry* entry, void* arg);
@@ -114,13 +117,13 @@ int cmd_aging(int, const char**) {
   if (!create_dir("")) die("aging: create folder failed, reason: %s", strerror(errno));
   if (!create_dir("/memleak")) die("aging: create memleak folder failed, reason: %s", strerror(errno));
 
-  std::string log_path = android::base::StringPrintf("%s/%s/log.txt", kHeapdumpRoot, kDaemonFolderName);
-  aging_data.log_fd = open(log_path.c_str(), kAppendFlags, kFileMode);
-  if (aging_data.log_fd < 0) die("aging: create file failed, reason: %s", strerror(errno));
-  std::string device_path =
-      android::base::StringPrintf("%s/%s/device.txt", kHeapdumpRoot, kDaemonFolderName);
-  aging_data.device_log_fd = open(device_path.c_str(), kAppendFlags, kFileMode);
-  if (aging_data.device_log_fd < 0) die("aging: create file failed, reason: %s", strerror(errno));
+  {
+    android::base::unique_fd folder = open_daemon_folder("");
+    aging_data.log_fd = folder == -1 ? -1 : open_append(folder.get(), "log.txt");
+    if (aging_data.log_fd < 0) die("aging: create file failed, reason: %s", strerror(errno));
+    aging_data.device_log_fd = open_append(folder.get(), "device.txt");
+    if (aging_data.device_log_fd < 0) die("aging: create file failed, reason: %s", strerror(errno));
+  }
 
   aging_log(ANDROID_LOG_INFO, "kestrel aging daemon start.");
   for (const meminfo_key& k : kMeminfoKeys) {
@@ -253,8 +256,14 @@ void log_to_file(int priority, const char* tag, const char* format, ...) {
 }
 
 bool create_dir(const char* name) {
-  std::string path = android::base::StringPrintf("%s/%s", kDaemonFolder, name);
-  if (mkdir(path.c_str(), kFolderMode) != 0 && errno != EEXIST) {
+  while (*name == '/') ++name;  // callers write "/memleak"
+  // The daemon folder itself is made in the heapdump root, the others in the daemon folder.
+  android::base::unique_fd parent(*name == '\0' ? open(kHeapdumpRoot, O_RDONLY | O_DIRECTORY | O_CLOEXEC)
+                                                : open_daemon_folder("").release());
+  const char* leaf = *name == '\0' ? kDaemonFolderName : name;
+  // An existing entry is used only if it is a folder and not a link to one.
+  if (parent == -1 || (mkdirat(parent.get(), leaf, kFolderMode) != 0 && errno != EEXIST) ||
+      android::base::unique_fd(openat(parent.get(), leaf, kFolderFlags)) == -1) {
     die("aging: create folder failed, reason: %s", strerror(errno));
   }
   return true;
@@ -267,12 +276,24 @@ int aging_regist_monitor(aging_mem_monitor* monitor) {
 }
 
 int aging_open_file(const aging_mem_monitor* monitor, const char* file_name) {
-  std::string path =
-      android::base::StringPrintf("%s/%s/%s", kDaemonFolder, monitor->name, file_name);
-  return open(path.c_str(), kAppendFlags, kFileMode);
+  android::base::unique_fd folder = open_daemon_folder(monitor->name);
+  return folder == -1 ? -1 : open_append(folder.get(), file_name);
 }
 
 namespace {
+
+// /data/tarvo/heapdump/kestrel, or the folder `name` in it; -1 with errno when any step is
+// missing, a link or not a folder. The heapdump root is the device's own and is trusted.
+android::base::unique_fd open_daemon_folder(const char* name) {
+  android::base::unique_fd root(open(kHeapdumpRoot, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (root == -1) return root;
+  android::base::unique_fd daemon(openat(root.get(), kDaemonFolderName, kFolderFlags));
+  if (daemon == -1 || *name == '\0') return daemon;
+  return android::base::unique_fd(openat(daemon.get(), name, kFolderFlags));
+}
+
+// Opens `name` in `folder` for appending; -1 with errno on failure.
+int open_append(int folder, const char* name) { return openat(folder, name, kAppendFlags, kFileMode); }
 
 void timer_thread() {
   pthread_setname_np(pthread_self(), "kestrel-timer");

@@ -9,10 +9,13 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <regex>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -78,6 +81,42 @@ TEST(Hostile, DriverDescriptorAbove1024IsWaitedOnLikeAnyOther) {
                 box.run_program(via_bash(kLeakyParent, {"aging"}), {.scenario = record + "at-end eof\n"}));
   EXPECT_EQ(box.read_file("/data/tarvo/heapdump/kestrel/device.txt"),
             "01-02 03:04:05.006     1     1 I kestrel :up\n");
+}
+
+// A sandbox in which the aging daemon can start: the driver's stream ends after one record.
+void lay_out_daemon(Sandbox& box) {
+  box.write_file("/proc/meminfo", "MemTotal: 1 kB\n");
+  box.make_dir("/data/tarvo/heapdump");
+  box.make_dir("/data/tarvo/heapdump/kestrel", 0777);
+  box.make_dir("/root-only", 0700);
+}
+const std::string kOneRecord = "log pid=1 tid=1 prio=4 sec=0 nsec=0 tag=kestrel msg=up\nat-end eof\n";
+
+// The daemon's folders are world-writable: a link planted there must not take its 0777 folders
+// and 0666 files into a folder of root's. Each planted link is refused with the start-up's own
+// failure text, and nothing appears where it points.
+TEST(Hostile, LinksPlantedInTheDaemonsTreeAreRefused) {
+  KESTREL_REQUIRE_SANDBOX();
+  const std::string folder = "fatal: aging: create folder failed, reason: ";
+  const struct {
+    const char* link;
+    std::string err;
+  } cases[] = {
+      {"/data/tarvo/heapdump/kestrel", folder + "Not a directory\n"},
+      {"/data/tarvo/heapdump/kestrel/memleak", folder + "Not a directory\n"},
+      {"/data/tarvo/heapdump/kestrel/dmabuf", folder + "Not a directory\n"},
+      {"/data/tarvo/heapdump/kestrel/log.txt", "fatal: aging: create file failed, reason: Too many levels of symbolic links\n"},
+      {"/data/tarvo/heapdump/kestrel/device.txt", "fatal: aging: create file failed, reason: Too many levels of symbolic links\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.link);
+    Sandbox box;
+    lay_out_daemon(box);
+    if (std::string(c.link).ends_with("kestrel")) rmdir(box.host_path(c.link).c_str());
+    box.make_symlink("/root-only", c.link);
+    expect_result({"", {}, "", "", c.err, 129}, box.run({"aging"}, {.scenario = kOneRecord}));
+    EXPECT_EQ(std::filesystem::is_empty(box.host_path("/root-only")), true);
+  }
 }
 
 // Output that never arrived is a failure; the driver log's printer keeps its one unreported
