@@ -34,11 +34,12 @@ constexpr char kHeapdumpRoot[] = "/data/tarvo/heapdump/";
 constexpr char kDaemonFolderName[] = "kestrel";
 constexpr mode_t kFolderMode = 0777;
 constexpr mode_t kFileMode = 0666;
-// The folders are world-writable, so anyone can plant a link in them. Folders are walked one
-// descriptor at a time and never through a link; files are opened relative to their folder,
-// never through a link.
+// The folders are world-writable, so anyone can plant a link or a FIFO in them. Folders are
+// walked one descriptor at a time and never through a link; files are opened relative to their
+// folder, never through a link, without waiting (a FIFO with no reader would block the open for
+// ever) and only when they turn out to be regular files.
 constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-constexpr int kAppendFlags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW;
+constexpr int kAppendFlags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
 
 const size_t g_page_size = getpagesize();
 
@@ -292,8 +293,17 @@ android::base::unique_fd open_daemon_folder(const char* name) {
   return android::base::unique_fd(openat(daemon.get(), name, kFolderFlags));
 }
 
-// Opens `name` in `folder` for appending; -1 with errno on failure.
-int open_append(int folder, const char* name) { return openat(folder, name, kAppendFlags, kFileMode); }
+// Opens `name` in `folder` for appending; -1 with errno unless it is a regular file.
+int open_append(int folder, const char* name) {
+  android::base::unique_fd fd(openat(folder, name, kAppendFlags, kFileMode));
+  struct stat st;
+  if (fd == -1 || fstat(fd.get(), &st) != 0) return -1;
+  if (!S_ISREG(st.st_mode)) {
+    errno = EINVAL;
+    return -1;
+  }
+  return fd.release();
+}
 
 void timer_thread() {
   pthread_setname_np(pthread_self(), "kestrel-timer");

@@ -119,6 +119,60 @@ TEST(Hostile, LinksPlantedInTheDaemonsTreeAreRefused) {
   }
 }
 
+// A FIFO with no reader blocks the open of its writer, and one with no writer blocks every read:
+// where the tool expects a file it opens without waiting and refuses what is not a regular one.
+TEST(Hostile, FifosInPlaceOfFilesAreRefusedWithoutWaiting) {
+  KESTREL_REQUIRE_SANDBOX();
+  const std::string daemon = "/data/tarvo/heapdump/kestrel";
+  for (const char* name : {"log.txt", "device.txt"}) {
+    SCOPED_TRACE(name);
+    Sandbox box;
+    lay_out_daemon(box);
+    ASSERT_EQ(mkfifo(box.host_path(daemon + "/" + name).c_str(), 0666), 0);
+    expect_result({"", {}, "", "", "fatal: aging: create file failed, reason: No such device or address\n", 129},
+                  box.run({"aging"}, {.scenario = kOneRecord}));
+  }
+  {
+    // Report names carry the time: FIFOs for the next minute's.
+    SCOPED_TRACE("reports");
+    Sandbox box;
+    lay_out_daemon(box);
+    box.make_dir(daemon + "/dmabuf", 0777);
+    for (time_t t = time(nullptr), end = t + 60; t < end; t++) {
+      char name[64];
+      strftime(name, sizeof(name), "/dmabuf_%m-%d-%H-%M-%S.txt", gmtime(&t));
+      ASSERT_EQ(mkfifo(box.host_path(daemon + "/dmabuf" + name).c_str(), 0666), 0);
+    }
+    expect_result({"", {}, "", "", "fatal: read: Unexpected EOF!\n\n", 129},
+                  box.run({"aging"}, {.scenario = kOneRecord}));
+    static const std::regex kRefused(R"(\n[0-9: -]+ E kestrel-aging: dump_dmabuf_usage create file dmabuf_[0-9-]+\.txt failed\n)");
+    EXPECT_TRUE(std::regex_search(box.read_file(daemon + "/log.txt"), kRefused)) << box.read_file(daemon + "/log.txt");
+  }
+  {
+    SCOPED_TRACE("configuration");
+    TempDir dir;
+    ASSERT_EQ(mkfifo(dir.file("config.xml").c_str(), 0666), 0);
+    expect_result({"", {}, "", "", "error: failed to open/parse XML file " + dir.file("config.xml") + " not a regular file\n\n", 255},
+                  run_kestrel({"config", "--load", "all", "--file", dir.file("config.xml")}, {.simulator = false}));
+  }
+  {
+    // On a kernel without process_madvise the kind goes to the reclaim file instead.
+    SCOPED_TRACE("reclaim");
+    Sandbox box;
+    const std::string pid = std::to_string(getpid()), entry = "/proc/" + pid;
+    box.write_file(entry + "/status", "Name:\tfixture\n");
+    box.write_file(entry + "/cmdline", std::string("init\0", 5));
+    box.write_file(entry + "/maps", "10000000-10001000 rw-p 00000000 fe:00 7 /lib/libc.so\n");
+    ASSERT_EQ(mkfifo(box.host_path(entry + "/reclaim").c_str(), 0666), 0);
+    Result r = box.run_program({std::string(KESTREL_BUILD_DIR) + "/tests/compact/compact_nosys", "--",
+                                kestrel_binary(), "compact", "--pid", pid},
+                               {.simulator = false});
+    ASSERT_NE(r.status, 77) << "the launcher could not set up: " << r.err;
+    r.out = std::regex_replace(r.out, std::regex("total [0-9.]+ ms"), "total <t> ms");
+    expect_result({"", {}, "", "compact pid:" + pid + " init\ndone: total <t> ms\n", "", 0}, r);
+  }
+}
+
 // Output that never arrived is a failure; the driver log's printer keeps its one unreported
 // write, so logger goes on to the end of the stream.
 TEST(Hostile, StandardOutputThatCannotBeWrittenEndsWithAFatalError) {
