@@ -54,7 +54,7 @@ void list_cmds_help() {
 }
 
 // Ends the process with `status`, unless standard output could not take everything written to
-// it (a full disk, a closed pipe): output that never arrived must not end in success.
+// it (a full disk, an I/O error): output that never arrived must not end in success.
 [[noreturn]] void exit_checking_stdout(int status) {
   if (fflush(stdout) != 0) die("write failure on standard output: %s", strerror(errno));
   if (ferror(stdout)) die("write failure on standard output");
