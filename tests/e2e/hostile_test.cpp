@@ -55,8 +55,10 @@ const std::string kLeakyParent =
     "ulimit -n 4096; for ((i = 3; i <= 1102; i++)); do eval \"exec $i</dev/null\"; done";
 
 TEST(Hostile, DriverDescriptorAbove1024IsWaitedOnLikeAnyOther) {
-  // malloc-debug sends its request to this process, which ignores the signal.
-  signal(SIGRTMAX - 19, SIG_IGN);
+  // malloc-debug sends its request to this process, which ignores the signal meanwhile.
+  struct sigaction ignore = {}, before = {};
+  ignore.sa_handler = SIG_IGN;
+  sigaction(SIGRTMAX - 19, &ignore, &before);
   const std::string pid = std::to_string(getpid());
   const std::string record = "log pid=1 tid=1 prio=4 sec=97445 nsec=6000000 tag=kestrel msg=up\n";
   const Case cases[] = {
@@ -72,6 +74,7 @@ TEST(Hostile, DriverDescriptorAbove1024IsWaitedOnLikeAnyOther) {
     SCOPED_TRACE(c.name);
     expect_result(c, run_program(via_bash(kLeakyParent, c.args), {.scenario = c.scenario}));
   }
+  sigaction(SIGRTMAX - 19, &before, nullptr);
 
   KESTREL_REQUIRE_SANDBOX();
   Sandbox box;
