@@ -12,6 +12,7 @@
 #include "libs/kestrel/proc-meminfo.h"
 
 inline constexpr char kAgingTag[] = "kestrel-aging";
+inline constexpr char kHeapdumpRoot[] = "/data/tarvo/heapdump/";
 
 struct aging_mem_monitor;
 using aging_monitor_handler = int (*)(aging_mem_monitor* monitor, meminfo* mem);

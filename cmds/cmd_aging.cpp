@@ -26,7 +26,6 @@ using tarvo::kestrel::logger::Entry;
 
 namespace {
 
-constexpr char kHeapdumpRoot[] = "/data/tarvo/heapdump/";
 
 // The daemon reads /proc/meminfo once, but through a reader that could be called again.
 MeminfoReader g_meminfo_reader;

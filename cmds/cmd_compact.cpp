@@ -4,6 +4,7 @@
 // on a kernel without it the process's reclaim file is asked to do the same job instead.
 #include <dirent.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -15,6 +16,7 @@
 
 #include <android-base/file.h>
 #include <android-base/stringprintf.h>
+#include <android-base/unique_fd.h>
 
 #include "cmds/cmds.h"
 #include "libs/kestrel/compact.h"
@@ -68,9 +70,15 @@ void compactProcessOrFallback(int pid, int kind) {
   }
   if (g_use_reclaim) {
     // Kernels before process_madvise carry the vendor's reclaim file; what it answers is of no
-    // use here.
-    android::base::WriteStringToFile(chosen.label,
-                                     android::base::StringPrintf("/proc/%d/reclaim", pid));
+    // use here. procfs makes it a regular file: anything else in its place (a FIFO would block
+    // the open for ever) is left alone.
+    android::base::unique_fd reclaim(
+        open(android::base::StringPrintf("/proc/%d/reclaim", pid).c_str(),
+             O_WRONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    struct stat st;
+    if (reclaim != -1 && fstat(reclaim.get(), &st) == 0 && S_ISREG(st.st_mode)) {
+      android::base::WriteStringToFd(chosen.label, reclaim.get());
+    }
   }
 }
 
@@ -108,7 +116,9 @@ int cmd_proc_madvise(int argc, const char** argv) {
        .defval = kCompactAnon},
       {.type = OPTION_END},
   };
-  parse_options(argc, argv, options, usage);
+  // A leftover word is most likely a pid typed without --pid; going on would compact every
+  // system process instead of the one meant.
+  if (parse_options(argc, argv, options, usage) > 0) usage_with_options(usage, options);
   if (kind == 0) kind = kCompactAll;
 
   timespec begin = {};

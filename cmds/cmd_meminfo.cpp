@@ -6,7 +6,6 @@
 #include <stdlib.h>
 #include <time.h>
 
-#include <sstream>
 #include <string>
 
 #include <android-base/stringprintf.h>
@@ -44,8 +43,8 @@ struct Table {
 };
 
 void pid_proc_memstat(Table& table, int pid);
-void print_header(const Table& table, std::stringstream& ss);
-void print_proc_memstat(const Table& table, std::stringstream& ss, const proc_ms* ms);
+void print_header(const Table& table);
+void print_proc_memstat(const Table& table, const proc_ms* ms);
 void stamp(const Table& table, timespec* ts);
 void print_benchmark(const Table& table, size_t struct_bytes);
 
@@ -107,9 +106,8 @@ int cmd_meminfo(int argc, const char** argv) {
 
   const proc_size_msu* table = helper.size_msu;
   if (table->count == 0) die("meminfo: read nothing.");
-  std::stringstream ss;
-  print_header(t, ss);
-  for (uint32_t i = 0; i < table->count; i++) print_proc_memstat(t, ss, &table->ms[i]);
+  print_header(t);
+  for (uint32_t i = 0; i < table->count; i++) print_proc_memstat(t, &table->ms[i]);
   print_benchmark(t, uid != -1 ? static_cast<size_t>(helper.capacity) * sizeof(proc_ms)
                             : kTableCapacity * sizeof(proc_ms));
   return 0;
@@ -124,9 +122,8 @@ void pid_proc_memstat(Table& t, int pid) {
   if (!ProcMemStat::PidMemStat(helper, t.mask, pid)) die("read mem stat failed.");
   stamp(t, &t.fetch_end);
 
-  std::stringstream ss;
-  print_header(t, ss);
-  print_proc_memstat(t, ss, &helper.pid_ms->ms);
+  print_header(t);
+  print_proc_memstat(t, &helper.pid_ms->ms);
   print_benchmark(t, sizeof(proc_pid_ms));
 }
 
@@ -148,21 +145,6 @@ void print_benchmark(const Table& t, size_t struct_bytes) {
          struct_bytes);
 }
 
-// One cell of the table: the figure right-aligned in its column's width and a blank.
-std::string cell(const proc_ms& ms, const ProcMsField& f) {
-  const long long v = proc_ms_get(ms, f);
-  switch (f.kind) {
-    case ProcMsField::kFlag:
-      return StringPrintf("%*s ", f.width, v ? "Y" : "N");
-    case ProcMsField::kNumber:
-      return StringPrintf("%*d ", f.width, static_cast<int>(v));
-    case ProcMsField::kPages:
-      break;
-  }
-  return StringPrintf("%*llu ", f.width,
-                      static_cast<unsigned long long>(v) * tarvo::kestrel::driver::kPageKiB);
-}
-
 // Prints one line, cut to the line width with a final "+" when it is longer.
 void print_line(const Table& t, const std::string& line) {
   if (line.size() <= t.width) {
@@ -172,33 +154,12 @@ void print_line(const Table& t, const std::string& line) {
   }
 }
 
-void print_header(const Table& t, std::stringstream& ss) {
-  ss.str("");
-  for (const ProcMsField& f : kProcMsFields) {
-    if (t.mask & f.bit) ss << StringPrintf("%*s ", f.width, f.title);
-  }
-  // The command line replaces comm whether or not comm was asked for.
-  if (t.cmdline) {
-    ss << "cmdline";
-  } else if (t.mask & kStatComm) {
-    ss << "comm";
-  }
-  print_line(t, ss.str());
-}
+void print_header(const Table& t) { print_line(t, proc_ms_header(t.mask, t.cmdline)); }
 
-void print_proc_memstat(const Table& t, std::stringstream& ss, const proc_ms* ms) {
-  ss.str("");
-  for (const ProcMsField& f : kProcMsFields) {
-    if (t.mask & f.bit) ss << cell(*ms, f);
-  }
-  if (t.cmdline) {
-    char cmdline[kCmdlineBufferSize] = {};
-    ss << (pid_cmdline(ms->pid, cmdline, sizeof(cmdline)) ? cmdline : "N/A");
-  } else if (t.mask & kStatComm) {
-    // comm is terminated within its 16 bytes by the driver; do not trust it to be.
-    ss << StringPrintf("%.*s", static_cast<int>(sizeof(ms->comm)), ms->comm);
-  }
-  print_line(t, ss.str());
+void print_proc_memstat(const Table& t, const proc_ms* ms) {
+  if (!t.cmdline) return print_line(t, proc_ms_row(*ms, t.mask, nullptr));
+  char cmdline[kCmdlineBufferSize] = {};
+  print_line(t, proc_ms_row(*ms, t.mask, pid_cmdline(ms->pid, cmdline, sizeof(cmdline)) ? cmdline : "N/A"));
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // kestrel's entry point: the table of sub-commands, the command list printed without one, and
 // the smallest sub-command, `version`.
+#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -52,6 +53,14 @@ void list_cmds_help() {
   }
 }
 
+// Ends the process with `status`, unless standard output could not take everything written to
+// it (a full disk, an I/O error): output that never arrived must not end in success.
+[[noreturn]] void exit_checking_stdout(int status) {
+  if (fflush(stdout) != 0) die("write failure on standard output: %s", strerror(errno));
+  if (ferror(stdout)) die("write failure on standard output");
+  exit(status);
+}
+
 }  // namespace
 
 int cmd_version(int, const char**) {
@@ -65,10 +74,10 @@ int main(int argc, const char** argv) {
   if (argc < 2) {
     printf("%s\n\n", "kestrel is a command line tool for debugging memory");
     list_cmds_help();
-    exit(1);
+    exit_checking_stdout(1);
   }
   for (const cmd_struct& cmd : kCommands) {
-    if (strcmp(argv[1], cmd.name) == 0) exit(cmd.handler(argc - 1, argv + 1));
+    if (strcmp(argv[1], cmd.name) == 0) exit_checking_stdout(cmd.handler(argc - 1, argv + 1));
   }
   fprintf(stderr, "%s: '%s' is not a kestrel command.\n", argv[0], argv[1]);
   return 1;

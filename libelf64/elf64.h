@@ -2,7 +2,8 @@
 // The ELF64 reader: loads a file's header, program headers, section headers and sections into an
 // Elf64Binary. Only the class byte of the identification is checked (64-bit files only); every
 // table is checked against the file's size before it is allocated or read, so a damaged file ends
-// in false rather than in a crash or a huge allocation.
+// in false rather than in a crash or a huge allocation; a section-name table over 16 MiB is
+// refused the same way.
 #pragma once
 
 #include <elf.h>
@@ -39,6 +40,12 @@ class Elf64Parser {
   // binary may be partly filled. A section name that runs off the end of the string table
   // aborts the process.
   static bool ParseElfFile(const std::string& fileName, Elf64Binary& elfBinary);
+
+  // ParseElfFile without the section contents: the same checks and the same answer, a section
+  // name that is not terminated stopping the program too, but `sections` holds each section's
+  // offset, size and name and no data. Memory stays near the size of the headers, however
+  // large the sections are.
+  static bool ParseElfNames(const std::string& fileName, Elf64Binary& elfBinary);
 
   // The same checks and the same answer as ParseElfFile, names included, but only the three
   // headers are kept: section contents are checked against the file and not read, and

@@ -109,10 +109,21 @@ const char* SectionName(const StrTbl& sStrTblPtr, uint64_t nameIdx) {
   return &st[nameIdx];
 }
 
+// No real section-name table comes near this (a large library's is a few KiB); a bigger one
+// would cost its whole size in memory, so such a file is refused instead.
+constexpr uint64_t kMaxNameTable = 16 << 20;
+
+// What Parse keeps of a file, and what an unterminated section name does to it.
+enum class Load {
+  kContents,       // every section's contents; a bad name stops the program
+  kNamesOrStop,    // names without contents; a bad name stops the program
+  kHeadersOrRefuse,  // names checked and not kept; a bad name refuses the file
+};
+
 // Sections of these types occupy no bytes of the file; their offset and size are not file ranges.
 bool HoldsBytes(const Elf64_Shdr& sh) { return sh.sh_type != SHT_NOBITS && sh.sh_type != SHT_NULL; }
 
-bool Parse(const std::string& fileName, Elf64Binary& bin, bool loadContents) {
+bool Parse(const std::string& fileName, Elf64Binary& bin, Load load) {
   // O_NONBLOCK: a FIFO put where a file was expected must not hang the open; it is refused below.
   bin.path = fileName;
   android::base::unique_fd fd(open(fileName.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
@@ -158,6 +169,7 @@ bool Parse(const std::string& fileName, Elf64Binary& bin, bool loadContents) {
     if (eh.e_shstrndx >= eh.e_shnum) return false;
     const Elf64_Shdr& sh = bin.shdrs[eh.e_shstrndx];
     if (HoldsBytes(sh)) {
+      if (sh.sh_size > kMaxNameTable) return false;
       strtab.resize(sh.sh_size);
       if (!file.Read(sh.sh_offset, sh.sh_size, strtab.data())) return false;
     }
@@ -165,7 +177,7 @@ bool Parse(const std::string& fileName, Elf64Binary& bin, bool loadContents) {
   const StrTbl names{strtab.data(), strtab.size()};
 
   const bool named = eh.e_shstrndx != SHN_UNDEF;
-  if (!loadContents) {
+  if (load == Load::kHeadersOrRefuse) {
     // Names are checked all the same, but a broken one refuses the file instead of ending the
     // program: a walk over a whole partition must not stop at its first damaged file.
     if (named) {
@@ -182,7 +194,7 @@ bool Parse(const std::string& fileName, Elf64Binary& bin, bool loadContents) {
     sc.offset = sh.sh_offset;
     sc.size = sh.sh_size;
     if (named) sc.name = SectionName(names, sh.sh_name);
-    if (!HoldsBytes(sh)) continue;
+    if (!HoldsBytes(sh) || load == Load::kNamesOrStop) continue;
     if (i == eh.e_shstrndx) {
       sc.data = strtab;
       continue;
@@ -198,11 +210,15 @@ bool Parse(const std::string& fileName, Elf64Binary& bin, bool loadContents) {
 Elf64Binary::~Elf64Binary() = default;
 
 bool Elf64Parser::ParseElfFile(const std::string& fileName, Elf64Binary& elfBinary) {
-  return Parse(fileName, elfBinary, true);
+  return Parse(fileName, elfBinary, Load::kContents);
+}
+
+bool Elf64Parser::ParseElfNames(const std::string& fileName, Elf64Binary& elfBinary) {
+  return Parse(fileName, elfBinary, Load::kNamesOrStop);
 }
 
 bool Elf64Parser::ParseElfHeaders(const std::string& fileName, Elf64Binary& elfBinary) {
-  return Parse(fileName, elfBinary, false);
+  return Parse(fileName, elfBinary, Load::kHeadersOrRefuse);
 }
 
 }  // namespace android::elf64

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/sysinfo.h>
 #include <unistd.h>
 
@@ -281,10 +282,32 @@ int parse_chp_zram_xml(XMLElement* section, Configure::ChpZram* chp, std::string
   return ok ? 0 : -1;
 }
 
+// A real configuration is a few KiB; the parser holds several times a file's size in memory.
+constexpr off_t kMaxConfigBytes = 4 << 20;
+
 int load_config(const std::string& path, int tier, Configure* cfg, std::string* err) {
   *cfg = Configure::Defaults(tier);
   tinyxml2::XMLDocument doc(true, tinyxml2::PRESERVE_WHITESPACE);
-  if (doc.LoadFile(path.c_str()) != tinyxml2::XML_SUCCESS) {
+  // Opened here and not by the parser: O_NONBLOCK keeps a FIFO from hanging the open, and what
+  // is not a regular file of a sensible size is refused before a byte is read. A file that
+  // cannot be opened is left to the parser, whose message says why.
+  android::base::unique_fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  std::unique_ptr<FILE, int (*)(FILE*)> file(nullptr, fclose);
+  if (fd != -1) {
+    struct stat st;
+    const char* refused = fstat(fd.get(), &st) != 0 ? strerror(errno)
+                          : !S_ISREG(st.st_mode)    ? "not a regular file"
+                          : st.st_size > kMaxConfigBytes ? "larger than 4 MiB"
+                                                         : nullptr;
+    if (refused != nullptr) {
+      *err = StringPrintf("failed to open/parse XML file %s %s\n", path.c_str(), refused);
+      return -1;
+    }
+    file.reset(fdopen(fd.get(), "r"));
+    if (file) [[maybe_unused]] int now_owned_by_file = fd.release();
+  }
+  const tinyxml2::XMLError loaded = file ? doc.LoadFile(file.get()) : doc.LoadFile(path.c_str());
+  if (loaded != tinyxml2::XML_SUCCESS) {
     *err = StringPrintf("failed to open/parse XML file %s %s\n", path.c_str(), doc.ErrorStr());
     return -1;
   }

@@ -196,6 +196,8 @@ int kestrel_logger_print(Format format, int fd, user_logger_entry_compat* record
 }
 
 Follow follow_driver_log(int fd, int timeout_ms, RecordBuffer* buf) {
+  // poll, not select: a parent that leaks descriptors can hand us a driver descriptor of 1024 or
+  // more, which an fd_set cannot hold.
   for (;;) {
     struct pollfd wait = {.fd = fd, .events = POLLIN, .revents = 0};
     int ready = poll(&wait, 1, timeout_ms);

@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // The figures of a driver's proc_ms record, listed once: the mask bit that asks for each, its
 // name in scenario files, its meminfo column, and where it lies in the record. The meminfo
-// table prints from this list and the driver simulator parses and masks with it.
+// table is built from this list and the driver simulator parses and masks with it.
 #pragma once
 
 #include <stddef.h>
 #include <stdint.h>
 #include <string.h>
+
+#include <string>
 
 #include "libs/kestrel/driver.h"
 
@@ -76,6 +78,12 @@ inline void proc_ms_set(proc_ms* ms, const ProcMsField& f, long long value) {
   if (f.size == 2) { uint16_t h = static_cast<uint16_t>(v); memcpy(at, &h, 2); }
   if (f.size == 4) memcpy(at, &v, 4);
 }
+
+// The meminfo table's header and one row for the figures of `mask`, each cell right-aligned in
+// its column and followed by a blank; the last column is comm, or the command line when one is
+// given (the header then says "cmdline"). Not cut to any width.
+std::string proc_ms_header(unsigned mask, bool cmdline);
+std::string proc_ms_row(const proc_ms& ms, unsigned mask, const char* cmdline);
 
 // Copies the field from one record to another.
 inline void proc_ms_copy(const proc_ms& from, proc_ms* to, const ProcMsField& f) {

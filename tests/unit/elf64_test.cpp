@@ -22,7 +22,7 @@ using android::elf64::Elf64Parser;
 using kestrel_fixtures::elf_image;
 using kestrel_fixtures::elf_load;
 
-constexpr bool (*kParsers[])(const std::string&, Elf64Binary&) = {Elf64Parser::ParseElfFile, Elf64Parser::ParseElfHeaders};
+constexpr bool (*kParsers[])(const std::string&, Elf64Binary&) = {Elf64Parser::ParseElfFile, Elf64Parser::ParseElfNames, Elf64Parser::ParseElfHeaders};
 
 // The image as a file in memory, named by its /proc/self/fd path; each call replaces the last.
 std::string file_of(const std::string& bytes) {
@@ -45,20 +45,24 @@ size_t sh(int index, size_t field) { return elf_image(kPhdrs).size() - (4 - inde
 
 TEST(Elf64Parser, ReadsHeadersInFileOrderAndNamedSections) {
   const std::string file = file_of(elf_image(kPhdrs));
-  Elf64Binary bin, headers;
-  ASSERT_TRUE(Elf64Parser::ParseElfFile(file, bin) && Elf64Parser::ParseElfHeaders(file, headers));
+  Elf64Binary bin, names, headers;
+  ASSERT_TRUE(Elf64Parser::ParseElfFile(file, bin) && Elf64Parser::ParseElfNames(file, names) &&
+              Elf64Parser::ParseElfHeaders(file, headers));
   EXPECT_EQ(bin.path, file);
   EXPECT_TRUE(bin.phdrs.size() == 6 && memcmp(bin.phdrs.data(), kPhdrs.data(), 6 * sizeof(Elf64_Phdr)) == 0);
   std::vector<std::string> seen;  // name=contents/declared size; NOBITS has nothing in the file
   for (const auto& sc : bin.sections) seen.push_back(sc.name + "=" + std::string(sc.data.begin(), sc.data.end()) + "/" + std::to_string(sc.size));
   EXPECT_EQ(seen, (std::vector<std::string>{"=/0", ".shstrtab=" + kestrel_fixtures::kElfNames + "/22",
                                             ".text=" + kestrel_fixtures::kElfText + "/3", ".bss=/4096"}));
+  seen.clear();
+  for (const auto& sc : names.sections) seen.push_back(sc.name + "=" + std::to_string(sc.data.size()) + "/" + std::to_string(sc.size));
+  EXPECT_EQ(seen, (std::vector<std::string>{"=0/0", ".shstrtab=0/22", ".text=0/3", ".bss=0/4096"}));
   EXPECT_EQ(memcmp(&headers.ehdr, &bin.ehdr, sizeof(Elf64_Ehdr)), 0);
   EXPECT_EQ(std::vector<size_t>({bin.shdrs.size(), headers.phdrs.size(), headers.shdrs.size(), headers.sections.size()}),
             std::vector<size_t>({4, 6, 4, 0}));
 }
 
-// Each case damages (or merely oddly shapes) the well-formed image; both entry points must give
+// Each case damages (or merely oddly shapes) the well-formed image; every entry point must give
 // the same answer, without a message and without reading outside the file. A section name that
 // runs off its string table is a bug check that ends the process.
 TEST(Elf64ParserDeathTest, RefusesDamagedFilesAndAcceptsOddButSoundOnes) {
@@ -87,6 +91,8 @@ TEST(Elf64ParserDeathTest, RefusesDamagedFilesAndAcceptsOddButSoundOnes) {
       {"section past the end", {poke<Elf64_Off>(sh(2, offsetof(S, sh_offset)), end)}, kRefused},
       {"section size wraps around", {poke<Elf64_Xword>(sh(2, offsetof(S, sh_size)), ~0ull)}, kRefused},
       {"string table past the end", {poke<Elf64_Xword>(sh(1, offsetof(S, sh_size)), end)}, kRefused},
+      // Sound, but it would cost its size in memory.
+      {"name table over 16 MiB", {poke<Elf64_Xword>(sh(1, offsetof(S, sh_size)), 17 << 20), cut(end + (17 << 20))}, kRefused},
       {"sections overlap", {poke<Elf64_Off>(sh(2, offsetof(S, sh_offset)), 0), poke<Elf64_Xword>(sh(2, offsetof(S, sh_size)), end)}, kRefused},
       {"name table loses the zero ending .bss", {poke<Elf64_Xword>(sh(1, offsetof(S, sh_size)), 21)}, kAborts},
       {"name index past the table", {poke<Elf64_Word>(sh(2, offsetof(S, sh_name)), 1000)}, kAborts},
@@ -97,7 +103,7 @@ TEST(Elf64ParserDeathTest, RefusesDamagedFilesAndAcceptsOddButSoundOnes) {
     const std::string file = file_of(bytes);
     for (auto parse : kParsers) {
       Elf64Binary bin;
-      if (c.outcome == kAborts && parse == Elf64Parser::ParseElfFile) {
+      if (c.outcome == kAborts && parse != Elf64Parser::ParseElfHeaders) {
         EXPECT_DEATH(parse(file, bin), kCheck) << c.what;
         continue;
       }

@@ -1,0 +1,264 @@
+// SPDX-License-Identifier: Apache-2.0
+// What a hostile caller or a hostile neighbour can set up around the shipped binary: a parent
+// that leaks descriptors, links and FIFOs planted in world-writable folders, files far larger
+// than any real one, a standard output that cannot be written, stray arguments. Each surface is
+// one table; every case ends with a clear error or the correct result.
+#include <errno.h>
+#include <signal.h>
+#include <stddef.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <regex>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tests/support/sandbox.h"
+#include "tests/support/elf_image.h"
+
+namespace kestrel_e2e {
+namespace {
+
+struct Case {
+  const char* name;
+  std::vector<std::string> args;
+  std::string scenario;
+  std::string out, err;
+  int status;
+};
+
+void expect_result(const Case& c, const Result& r) {
+  EXPECT_EQ(std::make_tuple(r.out, r.err, r.status, r.timed_out),
+            std::make_tuple(c.out, c.err, c.status, false));
+}
+
+// bash runs `prelude`, then execs kestrel with the case's arguments: it can leave descriptors
+// open or point standard output somewhere else first.
+std::vector<std::string> via_bash(const std::string& prelude, const std::vector<std::string>& args) {
+  std::vector<std::string> argv = {"/bin/bash", "-c", prelude + "; exec \"$@\"", "launcher",
+                                   kestrel_binary()};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return argv;
+}
+
+// Descriptors 3 to 1102 open, so the driver's descriptor is above what an fd_set holds.
+const std::string kLeakyParent =
+    "ulimit -n 4096; for ((i = 3; i <= 1102; i++)); do eval \"exec $i</dev/null\"; done";
+
+TEST(Hostile, DriverDescriptorAbove1024IsWaitedOnLikeAnyOther) {
+  struct rlimit files = {};
+  if (getrlimit(RLIMIT_NOFILE, &files) != 0 || files.rlim_max < 4096) {
+    GTEST_SKIP() << "fewer than 4096 descriptors allowed here";
+  }
+  // malloc-debug sends its request to this process, which ignores the signal meanwhile.
+  struct sigaction ignore = {}, before = {};
+  ignore.sa_handler = SIG_IGN;
+  sigaction(SIGRTMAX - 19, &ignore, &before);
+  const std::string pid = std::to_string(getpid());
+  const std::string record = "log pid=1 tid=1 prio=4 sec=97445 nsec=6000000 tag=kestrel msg=up\n";
+  const Case cases[] = {
+      {"logger", {"logger"}, record + "at-end eof\n",
+       "01-02 03:04:05.006     1     1 I kestrel :up\n", "fatal: read: Unexpected EOF!\n\n", 129},
+      {"malloc-debug dump", {"malloc-debug", "-d", pid},
+       "log pid=" + pid + " tid=1 prio=4 sec=now nsec=0 tag=malloc_debug msg=END of dump\nat-end hold\n",
+       "END of dump\n", "", 0},
+      {"malloc-debug time-out", {"malloc-debug", "-d", pid}, "at-end hold\n", "",
+       "fatal: read: timeout!\n\n", 129},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    expect_result(c, run_program(via_bash(kLeakyParent, c.args), {.scenario = c.scenario}));
+  }
+  sigaction(SIGRTMAX - 19, &before, nullptr);
+
+  KESTREL_REQUIRE_SANDBOX();
+  Sandbox box;
+  box.write_file("/proc/meminfo", "MemTotal: 1 kB\n");
+  box.make_dir("/data/tarvo/heapdump");
+  expect_result({"aging", {}, "", "", "fatal: read: Unexpected EOF!\n\n", 129},
+                box.run_program(via_bash(kLeakyParent, {"aging"}), {.scenario = record + "at-end eof\n"}));
+  EXPECT_EQ(box.read_file("/data/tarvo/heapdump/kestrel/device.txt"),
+            "01-02 03:04:05.006     1     1 I kestrel :up\n");
+}
+
+// A sandbox in which the aging daemon can start: the driver's stream ends after one record.
+void lay_out_daemon(Sandbox& box) {
+  box.write_file("/proc/meminfo", "MemTotal: 1 kB\n");
+  box.make_dir("/data/tarvo/heapdump");
+  box.make_dir("/data/tarvo/heapdump/kestrel", 0777);
+  box.make_dir("/root-only", 0700);
+}
+const std::string kOneRecord = "log pid=1 tid=1 prio=4 sec=0 nsec=0 tag=kestrel msg=up\nat-end eof\n";
+
+// The daemon's folders are world-writable: a link planted there must not take its 0777 folders
+// and 0666 files into a folder of root's. Each planted link is refused with the start-up's own
+// failure text, and nothing appears where it points.
+TEST(Hostile, LinksPlantedInTheDaemonsTreeAreRefused) {
+  KESTREL_REQUIRE_SANDBOX();
+  const std::string folder = "fatal: aging: create folder failed, reason: ";
+  const struct {
+    const char* link;
+    std::string err;
+  } cases[] = {
+      {"/data/tarvo/heapdump/kestrel", folder + "Not a directory\n"},
+      {"/data/tarvo/heapdump/kestrel/memleak", folder + "Not a directory\n"},
+      {"/data/tarvo/heapdump/kestrel/dmabuf", folder + "Not a directory\n"},
+      {"/data/tarvo/heapdump/kestrel/log.txt", "fatal: aging: create file failed, reason: Too many levels of symbolic links\n"},
+      {"/data/tarvo/heapdump/kestrel/device.txt", "fatal: aging: create file failed, reason: Too many levels of symbolic links\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.link);
+    Sandbox box;
+    lay_out_daemon(box);
+    if (std::string(c.link).ends_with("kestrel")) rmdir(box.host_path(c.link).c_str());
+    box.make_symlink("/root-only", c.link);
+    expect_result({"", {}, "", "", c.err, 129}, box.run({"aging"}, {.scenario = kOneRecord}));
+    EXPECT_EQ(std::filesystem::is_empty(box.host_path("/root-only")), true);
+  }
+}
+
+// A FIFO with no reader blocks the open of its writer, and one with no writer blocks every read:
+// where the tool expects a file it opens without waiting and refuses what is not a regular one.
+TEST(Hostile, FifosInPlaceOfFilesAreRefusedWithoutWaiting) {
+  KESTREL_REQUIRE_SANDBOX();
+  const std::string daemon = "/data/tarvo/heapdump/kestrel";
+  for (const char* name : {"log.txt", "device.txt"}) {
+    SCOPED_TRACE(name);
+    Sandbox box;
+    lay_out_daemon(box);
+    ASSERT_EQ(mkfifo(box.host_path(daemon + "/" + name).c_str(), 0666), 0);
+    expect_result({"", {}, "", "", "fatal: aging: create file failed, reason: No such device or address\n", 129},
+                  box.run({"aging"}, {.scenario = kOneRecord}));
+  }
+  {
+    // Report names carry the time: FIFOs for the next minute's.
+    SCOPED_TRACE("reports");
+    Sandbox box;
+    lay_out_daemon(box);
+    box.make_dir(daemon + "/dmabuf", 0777);
+    for (time_t t = time(nullptr), end = t + 60; t < end; t++) {
+      char name[64];
+      strftime(name, sizeof(name), "/dmabuf_%m-%d-%H-%M-%S.txt", gmtime(&t));
+      ASSERT_EQ(mkfifo(box.host_path(daemon + "/dmabuf" + name).c_str(), 0666), 0);
+    }
+    expect_result({"", {}, "", "", "fatal: read: Unexpected EOF!\n\n", 129},
+                  box.run({"aging"}, {.scenario = kOneRecord}));
+    static const std::regex kRefused(R"(\n[0-9: -]+ E kestrel-aging: dump_dmabuf_usage create file dmabuf_[0-9-]+\.txt failed\n)");
+    EXPECT_TRUE(std::regex_search(box.read_file(daemon + "/log.txt"), kRefused)) << box.read_file(daemon + "/log.txt");
+  }
+  {
+    SCOPED_TRACE("configuration");
+    TempDir dir;
+    ASSERT_EQ(mkfifo(dir.file("config.xml").c_str(), 0666), 0);
+    expect_result({"", {}, "", "", "error: failed to open/parse XML file " + dir.file("config.xml") + " not a regular file\n\n", 255},
+                  run_kestrel({"config", "--load", "all", "--file", dir.file("config.xml")}, {.simulator = false}));
+  }
+  {
+    // On a kernel without process_madvise the kind goes to the reclaim file instead.
+    SCOPED_TRACE("reclaim");
+    Sandbox box;
+    const std::string pid = std::to_string(getpid()), entry = "/proc/" + pid;
+    box.write_file(entry + "/status", "Name:\tfixture\n");
+    box.write_file(entry + "/cmdline", std::string("init\0", 5));
+    box.write_file(entry + "/maps", "10000000-10001000 rw-p 00000000 fe:00 7 /lib/libc.so\n");
+    ASSERT_EQ(mkfifo(box.host_path(entry + "/reclaim").c_str(), 0666), 0);
+    Result r = box.run_program({std::string(KESTREL_BUILD_DIR) + "/tests/compact/compact_nosys", "--",
+                                kestrel_binary(), "compact", "--pid", pid},
+                               {.simulator = false});
+    ASSERT_NE(r.status, 77) << "the launcher could not set up: " << r.err;
+    r.out = std::regex_replace(r.out, std::regex("total [0-9.]+ ms"), "total <t> ms");
+    expect_result({"", {}, "", "compact pid:" + pid + " init\ndone: total <t> ms\n", "", 0}, r);
+  }
+}
+
+// Output that never arrived is a failure; the driver log's printer keeps its one unreported
+// write, so logger goes on to the end of the stream.
+TEST(Hostile, StandardOutputThatCannotBeWrittenEndsWithAFatalError) {
+  const std::string full = "fatal: write failure on standard output: No space left on device\n";
+  std::ifstream scenario_file(std::string(KESTREL_SOURCE_DIR) + "/examples/scenarios/meminfo.scenario");
+  const std::string meminfo((std::istreambuf_iterator<char>(scenario_file)), {});
+  const Case cases[] = {
+      {"no command", {}, "", "", full, 129},
+      {"version", {"version"}, "", "", full, 129},
+      {"meminfo", {"meminfo"}, meminfo, "", full, 129},
+      {"logger", {"logger"},
+       "log pid=1 tid=1 prio=4 sec=0 nsec=0 tag=kestrel msg=lost\nat-end eof\n", "",
+       "fatal: read: Unexpected EOF!\n\n", 129},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    expect_result(c, run_program(via_bash("exec >/dev/full", c.args), {.scenario = c.scenario}));
+  }
+
+  // readelf's complaints about the sandbox's missing libc come first on standard error.
+  KESTREL_REQUIRE_SANDBOX();
+  Sandbox box;
+  Result r = box.run_program(via_bash("exec >/dev/full", {"config", "--list"}), {.simulator = false});
+  EXPECT_EQ(r.status, 129);
+  EXPECT_TRUE(r.err.ends_with(full) || r.err.ends_with("fatal: unsupport ram\n\n")) << r.err;
+}
+
+// Sparse files: a 64 GiB section in an ELF file and a 4 GiB configuration cost no disk space,
+// and must cost no memory either.
+TEST(Hostile, FilesFarLargerThanAnyRealOneAreNotLoaded) {
+  TempDir dir;
+  std::string elf = kestrel_fixtures::elf_image({kestrel_fixtures::elf_load(16384)});
+  // The .text section header, third of four at the end: moved to 1 MiB and made 64 GiB long.
+  const uint64_t text_at = 1 << 20, text_size = uint64_t{64} << 30;
+  const size_t text_header = elf.size() - 2 * sizeof(Elf64_Shdr);
+  memcpy(elf.data() + text_header + offsetof(Elf64_Shdr, sh_offset), &text_at, sizeof(text_at));
+  memcpy(elf.data() + text_header + offsetof(Elf64_Shdr, sh_size), &text_size, sizeof(text_size));
+  const std::string lib = dir.write("huge.so", elf);
+  const std::string xml = dir.write("huge.xml", "<config>");
+  if (truncate(lib.c_str(), static_cast<off_t>(text_at + text_size)) != 0 ||
+      truncate(xml.c_str(), off_t{4} << 30) != 0) {
+    GTEST_SKIP() << "no sparse files of 64 GiB in /tmp: " << strerror(errno);
+  }
+  const Case cases[] = {
+      {"elf", {"utils", "--elf-align", lib}, "",
+       "Program Header 0:\n  Type:   0x00000001\n  Offset: 0x0000000000000000\n"
+       "  VAddr:  0x0000000000000000\n  PAddr:  0x0000000000000000\n"
+       "  FileSz: 0x0000000000000000\n  MemSz:  0x0000000000000000\n  Flags:  0x00000000\n"
+       "  Align:  16384\n",
+       "error: \nVerify align pass! (^_^)\n\n", 0},
+      {"xml", {"config", "--load", "all", "--file", xml}, "", "",
+       "error: failed to open/parse XML file " + xml + " larger than 4 MiB\n\n", 255},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    expect_result(c, run_kestrel(c.args, {.simulator = false}));
+  }
+}
+
+// A pid typed without --pid must not widen the command to every system process.
+TEST(Hostile, StrayArgumentsOfCompactAreRefused) {
+  const std::string usage =
+      "usage: kestrel proc_madvise [options]\n"
+      "    -p,--pid              pid of process. compact all processes (uid > 10000) if not given\n"
+      "    --file                compact file\n"
+      "    --anon                compact anon\n"
+      "\n";
+  const Case cases[] = {
+      {"a bare pid", {"compact", "1234"}, "", "", usage, 129},
+      {"after a switch", {"compact", "--anon", "1234"}, "", "", usage, 129},
+      {"after --pid", {"compact", "--pid", "99999999", "extra"}, "", "", usage, 129},
+      {"an unknown option", {"compact", "--all"}, "", "", usage, 129},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    expect_result(c, run_kestrel(c.args, {.simulator = false}));
+  }
+}
+
+}  // namespace
+}  // namespace kestrel_e2e
