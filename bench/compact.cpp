@@ -4,8 +4,8 @@
 // the other in each iteration so that all see the same machine, and are timed in CPU time of
 // this thread (the kernel does the page-out work in the caller), which a busy machine disturbs
 // less than the clock on the wall.
-//   ratio      command / bare calls: the whole cost of walking the maps, collecting and batching
-//   own_ratio  command / (bare calls + reading the maps file raw): what is left once the
+//   ratio      compaction / bare calls: the whole cost of walking the maps, collecting and batching
+//   own_ratio  compaction / (bare calls + reading the maps file raw): what is left once the
 //              kernel's cost of producing the maps text, which no reader avoids, is set aside
 #include <fcntl.h>
 #include <signal.h>
