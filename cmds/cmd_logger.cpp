@@ -6,7 +6,7 @@
 #include "cmds/cmds.h"
 #include "cmds/driver_log.h"
 #include "libs/kestrel/logger.h"
-#include "libs/kestrel/util.h"
+#include "libs/kestrel/device.h"
 #include "parse-options/parse-options.h"
 
 using namespace tarvo::kestrel;

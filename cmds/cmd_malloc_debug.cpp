@@ -16,7 +16,7 @@
 #include "cmds/driver_log.h"
 #include "libs/kestrel/kit.h"
 #include "libs/kestrel/logger.h"
-#include "libs/kestrel/util.h"
+#include "libs/kestrel/device.h"
 #include "parse-options/parse-options.h"
 #include "parse-options/pid_cmdline.h"
 

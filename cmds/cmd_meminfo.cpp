@@ -14,7 +14,7 @@
 #include "libs/kestrel/kit.h"
 #include "libs/kestrel/proc-memstat.h"
 #include "libs/kestrel/proc-ms-fields.h"
-#include "libs/kestrel/util.h"
+#include "libs/kestrel/device.h"
 #include "parse-options/parse-options.h"
 #include "parse-options/pid_cmdline.h"
 

@@ -12,7 +12,7 @@
 #include "libelf64/align.h"
 #include "libelf64/elf64.h"
 #include "libs/kestrel/kit.h"
-#include "libs/kestrel/util.h"
+#include "libs/kestrel/device.h"
 #include "parse-options/parse-options.h"
 
 namespace {

@@ -9,7 +9,7 @@
 #include <string>
 
 #include "cmds/cmds.h"
-#include "libs/kestrel/util.h"
+#include "libs/kestrel/device.h"
 #include "parse-options/parse-options.h"
 
 namespace {

@@ -39,8 +39,10 @@ constexpr const char* base_name(const char* path) {
 // Library modules log errors under "kestrel" as "<file>:<line> message". Log readers match on
 // these lines, so where a message's line number is part of its published form the call passes it
 // explicitly (KLOGE_AT); elsewhere the call site's own line is used.
-#define KLOGE_AT(line, fmt, ...)                                                     \
-  __android_log_print(ANDROID_LOG_ERROR, "kestrel", "%s:%d " fmt,                  \
-                      ::tarvo::kestrel::platform::base_name(__FILE__), (line) __VA_OPT__(, ) \
-                          __VA_ARGS__)
+#define KLOGE_AT(line, fmt, ...) \
+  KLOGE_AS(::tarvo::kestrel::platform::base_name(__FILE__), line, fmt __VA_OPT__(, ) __VA_ARGS__)
+// The same under a published name other than the file's own.
+#define KLOGE_AS(name, line, fmt, ...)                                                       \
+  __android_log_print(ANDROID_LOG_ERROR, "kestrel", "%s:%d " fmt, name,                    \
+                      (line) __VA_OPT__(, ) __VA_ARGS__)
 #define KLOGE(fmt, ...) KLOGE_AT(__LINE__, fmt __VA_OPT__(, ) __VA_ARGS__)

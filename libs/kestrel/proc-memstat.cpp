@@ -16,7 +16,7 @@
 #include <android-base/stringprintf.h>
 #include <android-base/unique_fd.h>
 
-#include "libs/kestrel/util.h"
+#include "libs/kestrel/device.h"
 #include "platform/log.h"
 
 namespace tarvo::kestrel::memstat {

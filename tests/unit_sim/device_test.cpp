@@ -13,7 +13,7 @@
 
 #include <gtest/gtest.h>
 
-#include "libs/kestrel/util.h"
+#include "libs/kestrel/device.h"
 #include "tests/support/log_capture.h"
 
 namespace {
