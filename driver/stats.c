@@ -20,6 +20,7 @@
 #include <linux/sched/task.h>
 #include <linux/uaccess.h>
 #include <linux/uidgid.h>
+#include <linux/version.h>
 
 #include "kestrel.h"
 
@@ -31,6 +32,20 @@ static u32 pages_to_units(unsigned long pages)
 	if (pages > (U32_MAX >> shift))
 		return U32_MAX;
 	return pages << shift;
+}
+
+/*
+ * A resident-memory counter as /proc/PID/status shows it. Since 6.2 the
+ * counters are per-CPU: the quick read lags by up to a batch per CPU, so take
+ * the exact sum.
+ */
+static unsigned long rss_counter(struct mm_struct *mm, int member)
+{
+#if LINUX_VERSION_CODE >= KERNEL_VERSION(6, 2, 0)
+	return percpu_counter_sum_positive(&mm->rss_stat[member]);
+#else
+	return get_mm_counter(mm, member);
+#endif
 }
 
 /* Open descriptors: the bits set in the table's open map. */
@@ -101,13 +116,13 @@ static void fill_proc_ms(struct task_struct *task, pid_t nr, u32 flags,
 			if (flags & KESTREL_STAT_VSS)
 				ms->vss = pages_to_units(READ_ONCE(mm->total_vm));
 			if (flags & KESTREL_STAT_ANON)
-				ms->anon = pages_to_units(get_mm_counter(mm, MM_ANONPAGES));
+				ms->anon = pages_to_units(rss_counter(mm, MM_ANONPAGES));
 			if (flags & KESTREL_STAT_FILE)
-				ms->file = pages_to_units(get_mm_counter(mm, MM_FILEPAGES));
+				ms->file = pages_to_units(rss_counter(mm, MM_FILEPAGES));
 			if (flags & KESTREL_STAT_SHMEM)
-				ms->shmem = pages_to_units(get_mm_counter(mm, MM_SHMEMPAGES));
+				ms->shmem = pages_to_units(rss_counter(mm, MM_SHMEMPAGES));
 			if (flags & KESTREL_STAT_SWAP)
-				ms->swap = pages_to_units(get_mm_counter(mm, MM_SWAPENTS));
+				ms->swap = pages_to_units(rss_counter(mm, MM_SWAPENTS));
 			mmput(mm);
 		}
 	}
