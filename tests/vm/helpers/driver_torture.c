@@ -384,7 +384,7 @@ static int check_race(int seconds) {
     if (check_record(rec, n, next, 1) >= 0) lagged++;
   printf("vmlog: driver-race: %ld records by %d writers, each read by %d readers; a lagging reader kept %ld\n",
          total, WRITERS, READERS, lagged);
-  if (total < 1000) fail("only %ld records written", total);
+  if (total < 200) fail("only %ld records written", total);  // the race barely ran
   for (int r = 0; r < READERS; r++) close(ra[r].fd);
   close(lag);
   return report();
