@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // Drives /dev/kestrel with bad input and under load, inside a test VM. Each
-// sub-command prints one vmcheck line: badinput, cmd, race SECONDS, held.
+// sub-command prints one vmcheck line: badinput, cmd, race SECONDS, walk SECONDS, held.
 #define _GNU_SOURCE
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <signal.h>
 #include <pthread.h>
 #include <stdarg.h>
 #include <stdint.h>
@@ -390,6 +391,41 @@ static int check_race(int seconds) {
   return report();
 }
 
+// The process walk while processes come and go: a child keeps forking children that exit
+// at once, and every table must still be whole and in ascending pid order.
+static int check_walk(int seconds) {
+  check_name = "driver-walk";
+  int fd = open_dev(O_RDONLY);
+  if (fd < 0) return report();
+  pid_t churn = fork();
+  if (churn == 0) {
+    for (;;) {
+      pid_t p = fork();
+      if (p == 0) _exit(0);
+      if (p > 0) waitpid(p, NULL, 0);
+    }
+  }
+  size_t size = sizeof(struct kestrel_proc_size_msu) + KESTREL_MAX_COUNT * sizeof(struct kestrel_proc_ms);
+  struct kestrel_proc_size_msu *t = malloc(size);
+  long tables = 0;
+  for (time_t end = time(NULL) + seconds; time(NULL) < end && !failure[0]; tables++) {
+    t->flags = KESTREL_STAT_ALL;
+    t->count = KESTREL_MAX_COUNT;
+    if (ioctl(fd, KESTREL_IOC_SIZE_MEMSTATS, t) != 0) {
+      fail("table: %s", strerror(errno));
+      break;
+    }
+    for (uint32_t i = 1; i < t->count; i++)
+      if (t->ms[i].pid <= t->ms[i - 1].pid) fail("pid %d after %d", t->ms[i].pid, t->ms[i - 1].pid);
+  }
+  kill(churn, SIGKILL);
+  waitpid(churn, NULL, 0);
+  printf("vmlog: driver-walk: %ld tables while processes came and went\n", tables);
+  free(t);
+  close(fd);
+  return report();
+}
+
 // A held descriptor keeps the module loaded.
 static int check_held(void) {
   check_name = "driver-held";
@@ -408,7 +444,8 @@ int main(int argc, char **argv) {
   if (argc >= 2 && !strcmp(argv[1], "badinput")) return check_badinput();
   if (argc >= 2 && !strcmp(argv[1], "cmd")) return check_cmd();
   if (argc >= 3 && !strcmp(argv[1], "race")) return check_race(atoi(argv[2]));
+  if (argc >= 3 && !strcmp(argv[1], "walk")) return check_walk(atoi(argv[2]));
   if (argc >= 2 && !strcmp(argv[1], "held")) return check_held();
-  fprintf(stderr, "usage: driver_torture badinput|cmd|race SECONDS|held\n");
+  fprintf(stderr, "usage: driver_torture badinput|cmd|race SECONDS|walk SECONDS|held\n");
   return 2;
 }
