@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/ratio.h"
 #include "hook/hook.h"
 
 namespace {
@@ -40,27 +41,13 @@ void BM_MallocFree(benchmark::State& state) {
 }
 BENCHMARK(BM_MallocFree)->ArgName("recording")->Arg(0)->Arg(1);
 
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const Run& run : runs) {
-      if (run.run_type == Run::RT_Iteration && run.iterations > 0) {
-        ns_[run.benchmark_name()] = run.GetAdjustedCPUTime();
-      }
-    }
-  }
-  void PrintRatio() const {
-    auto off = ns_.find("BM_MallocFree/recording:0");
-    auto on = ns_.find("BM_MallocFree/recording:1");
-    if (off == ns_.end() || on == ns_.end() || on->second <= 0) return;
-    printf("allocations per second, recording off / on: %.2fx (%.0f vs %.0f per second)\n",
-           on->second / off->second, 1e9 / off->second, 1e9 / on->second);
-  }
-
- private:
-  std::map<std::string, double> ns_;
-};
+void print_ratio(const std::map<std::string, double>& ns) {
+  auto off = ns.find("BM_MallocFree/recording:0");
+  auto on = ns.find("BM_MallocFree/recording:1");
+  if (off == ns.end() || on == ns.end() || off->second <= 0) return;
+  printf("allocations per second, recording off / on: %.2fx (%.0f vs %.0f per second)\n",
+         on->second / off->second, 1e9 / off->second, 1e9 / on->second);
+}
 
 }  // namespace
 
@@ -69,7 +56,7 @@ int main(int argc, char** argv) {
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.PrintRatio();
+  print_ratio(reporter.ns());
   benchmark::Shutdown();
   return 0;
 }

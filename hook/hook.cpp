@@ -41,8 +41,6 @@ std::atomic<int> g_pipe_write{-1};
 // The hook's own code, whose frames a backtrace leaves out.
 uintptr_t g_text_start = 0, g_text_end = 0;
 
-int request_signal() { return __libc_current_sigrtmax() - 19; }
-
 void on_request_signal(int, siginfo_t* info, void*) {
   // Only sigqueue() carries a value; a plain kill() is not a request.
   if (info->si_code != SI_QUEUE) return;
@@ -200,7 +198,7 @@ void handle_request(int request) {
       log.write(printf_string("disabled: %zu KiB of tables released", kib));
       break;
     }
-    case kStats:
+    case kStat:
       log.write(allocator_statistics());
       break;
     case kPurge:

@@ -8,18 +8,11 @@
 #include <atomic>
 
 #include "hook/recorder.h"
+#include "libs/kestrel/malloc_debug.h"
 
 namespace kestrel_hook {
 
-// The values a request signal carries.
-enum Request {
-  kEnable = 0,
-  kDump = 1,
-  kDisable = 2,
-  kStats = 3,
-  kPurge = 4,
-  kPurgeAll = 5,
-};
+using namespace tarvo::kestrel::malloc_debug;
 
 Recorder& recorder();
 

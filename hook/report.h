@@ -10,15 +10,17 @@
 #include <string_view>
 #include <vector>
 
+#include "driver/kestrel_abi.h"
 #include "hook/recorder.h"
+#include "libs/kestrel/driver.h"
 
 namespace kestrel_hook {
 
-inline constexpr const char kLogDevice[] = "/dev/kestrel";
+inline constexpr const char* kLogDevice = tarvo::kestrel::driver::kDevicePath;
 inline constexpr const char kTag[] = "malloc_debug";
 inline constexpr char kPriorityInfo = 4;
 // The driver takes at most this many payload bytes per write.
-inline constexpr size_t kMaxPayload = 4044;
+inline constexpr size_t kMaxPayload = KESTREL_LOG_MAX_PAYLOAD;
 // Groups a dump shows, largest first. The driver's log is a ring that a reader must keep up with;
 // past this many the rest are summed up in one line.
 inline constexpr size_t kMaxDumpGroups = 100;

@@ -72,24 +72,30 @@ std::string target_part(const std::string& dump) {
   return out;
 }
 
+// Starts recording in the target and has it allocate from its two sites.
+void enable_then_allocate(Target* target, const std::string& scenario) {
+  ASSERT_EQ(target->line(), "ready\n");
+  Result r = run_kestrel({"malloc-debug", "-e", target->pid()}, {.scenario = scenario});
+  EXPECT_EQ(r.out, std::string(KESTREL_HOOK_TARGET) + ":" + target->pid() +
+                       " enable malloc debug successfully\n");
+  kill(std::stoi(target->pid()), SIGUSR1);
+  ASSERT_EQ(target->line(), "allocated\n");
+}
+
 // Every request is answered: the dump lists both call sites with their totals and ends the
 // command on its END record; the other requests show in the driver's log; the target lives on.
 TEST(MallocHook, AnswersEveryRequest) {
   TempDir dir;
   const std::string scenario = "log-file " + dir.file("log") + "\n";
   Target target(dir.write("scenario", scenario), "");
-  ASSERT_EQ(target.line(), "ready\n");
+  ASSERT_NO_FATAL_FAILURE(enable_then_allocate(&target, scenario));
   const std::string pid = target.pid();
   auto request = [&](const std::string& option) {
     Result r = run_kestrel({"malloc-debug", option, pid}, {.scenario = scenario});
     EXPECT_TRUE(target.alive()) << option;
     return r;
   };
-  Result r = request("-e");
-  EXPECT_EQ(r.out, std::string(KESTREL_HOOK_TARGET) + ":" + pid + " enable malloc debug successfully\n");
-  kill(std::stoi(pid), SIGUSR1);
-  ASSERT_EQ(target.line(), "allocated\n");
-  r = request("-d");
+  Result r = request("-d");
   EXPECT_EQ(r.err, "");
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(target_part(r.out),
@@ -139,12 +145,8 @@ TEST(MallocHook, SurvivesThreadsAndFork) {
   TempDir dir;
   const std::string scenario = "log-file " + dir.file("log") + "\n";
   Target target(dir.write("scenario", scenario), "storm");
-  ASSERT_EQ(target.line(), "ready\n");
-  const std::string pid = target.pid();
-  ASSERT_EQ(run_kestrel({"malloc-debug", "-e", pid}, {.scenario = scenario}).status, 0);
-  kill(std::stoi(pid), SIGUSR1);
-  ASSERT_EQ(target.line(), "allocated\n");
-  Result r = run_kestrel({"malloc-debug", "-d", pid}, {.scenario = scenario});
+  ASSERT_NO_FATAL_FAILURE(enable_then_allocate(&target, scenario));
+  Result r = run_kestrel({"malloc-debug", "-d", target.pid()}, {.scenario = scenario});
   EXPECT_EQ(r.status, 0) << r.err;
   const std::string sites = target_part(r.out);
   EXPECT_NE(sites.find("120000 bytes in 3 allocations\n  #00 site_a\n  #01 main\n"),
