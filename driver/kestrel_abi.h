@@ -28,8 +28,8 @@
 #define KESTREL_IOC_SET_SCENE		0xFA02	/* struct kestrel_scene */
 #define KESTREL_IOC_CLEAR_SCENE		0xFA03	/* struct kestrel_scene */
 #define KESTREL_IOC_PID_MEMSTAT		0xFB01	/* struct kestrel_proc_pid_ms */
-#define KESTREL_IOC_SIZE_MEMSTATS	0xFB02	/* struct kestrel_proc_size_msu */
-#define KESTREL_IOC_UID_MEMSTATS	0xFB03	/* struct kestrel_proc_size_msu */
+#define KESTREL_IOC_SIZE_MEMSTATS	0xFB02	/* kestrel_proc_size_msu */
+#define KESTREL_IOC_UID_MEMSTATS	0xFB03	/* kestrel_proc_size_msu */
 
 /* GET_VERSION returns (major << 16) | minor. */
 #define KESTREL_VERSION_MAJOR	1

@@ -29,7 +29,8 @@
  * around the end of buf. head <= every reader's pos after clamping <= tail.
  */
 static struct {
-	spinlock_t lock;	/* protects head, tail, buf and every reader's pos */
+	/* Protects head, tail, the bytes of buf and every reader's pos. */
+	spinlock_t lock;
 	wait_queue_head_t wait;	/* readers waiting for tail to move */
 	u64 head;		/* oldest record still held */
 	u64 tail;		/* where the next record goes */
@@ -141,7 +142,7 @@ ssize_t kestrel_log_write_iter(struct iov_iter *from)
 		ret = -EINVAL;
 		goto out;
 	}
-	/* The aging daemon runs these messages as root: only root sends them. */
+	/* The aging daemon runs these messages as root: only root may send. */
 	if (tag_end - tag == 3 && !memcmp(tag, "cmd", 3) &&
 	    !capable(CAP_SYS_ADMIN)) {
 		ret = -EPERM;

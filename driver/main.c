@@ -18,7 +18,7 @@
 static unsigned int log_size = SZ_256K;
 module_param(log_size, uint, 0444);
 MODULE_PARM_DESC(log_size,
-		 "bytes of log held, rounded up to a power of two (default 256 KiB)");
+		 "log bytes held, rounded up to a power of 2 (default 256 KiB)");
 
 /* The scenes that are set; changed with atomic bit operations only. */
 static unsigned long scenes;
@@ -146,7 +146,7 @@ static void __exit kestrel_exit(void)
 module_init(kestrel_init);
 module_exit(kestrel_exit);
 
-MODULE_DESCRIPTION("kestrel memory debugging device: process figures and a log");
+MODULE_DESCRIPTION("kestrel memory debugging: process figures and a log");
 MODULE_AUTHOR("The kestrel developers");
 MODULE_LICENSE("GPL");
 MODULE_VERSION("1.0");

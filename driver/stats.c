@@ -80,6 +80,31 @@ static u8 task_is_compat(struct task_struct *task)
 #endif
 }
 
+#define KESTREL_STAT_MM (KESTREL_STAT_VSS | KESTREL_STAT_ANON | \
+			 KESTREL_STAT_FILE | KESTREL_STAT_SHMEM | \
+			 KESTREL_STAT_SWAP)
+
+/* The address-space figures; a kernel thread has none and keeps zeros. */
+static void fill_mm_figures(struct task_struct *task, u32 flags,
+			    struct kestrel_proc_ms *ms)
+{
+	struct mm_struct *mm = get_task_mm(task);
+
+	if (!mm)
+		return;
+	if (flags & KESTREL_STAT_VSS)
+		ms->vss = pages_to_units(READ_ONCE(mm->total_vm));
+	if (flags & KESTREL_STAT_ANON)
+		ms->anon = pages_to_units(rss_counter(mm, MM_ANONPAGES));
+	if (flags & KESTREL_STAT_FILE)
+		ms->file = pages_to_units(rss_counter(mm, MM_FILEPAGES));
+	if (flags & KESTREL_STAT_SHMEM)
+		ms->shmem = pages_to_units(rss_counter(mm, MM_SHMEMPAGES));
+	if (flags & KESTREL_STAT_SWAP)
+		ms->swap = pages_to_units(rss_counter(mm, MM_SWAPENTS));
+	mmput(mm);
+}
+
 /*
  * Fills ms for a thread-group leader the caller holds a reference on. May
  * sleep (mmput); takes no lock across anything that does.
@@ -108,27 +133,11 @@ static void fill_proc_ms(struct task_struct *task, pid_t nr, u32 flags,
 	if (flags & KESTREL_STAT_FDS)
 		ms->fds = count_fds(task);
 
-	if (flags & (KESTREL_STAT_VSS | KESTREL_STAT_ANON | KESTREL_STAT_FILE |
-		     KESTREL_STAT_SHMEM | KESTREL_STAT_SWAP)) {
-		struct mm_struct *mm = get_task_mm(task);
-
-		if (mm) {
-			if (flags & KESTREL_STAT_VSS)
-				ms->vss = pages_to_units(READ_ONCE(mm->total_vm));
-			if (flags & KESTREL_STAT_ANON)
-				ms->anon = pages_to_units(rss_counter(mm, MM_ANONPAGES));
-			if (flags & KESTREL_STAT_FILE)
-				ms->file = pages_to_units(rss_counter(mm, MM_FILEPAGES));
-			if (flags & KESTREL_STAT_SHMEM)
-				ms->shmem = pages_to_units(rss_counter(mm, MM_SHMEMPAGES));
-			if (flags & KESTREL_STAT_SWAP)
-				ms->swap = pages_to_units(rss_counter(mm, MM_SWAPENTS));
-			mmput(mm);
-		}
-	}
+	if (flags & KESTREL_STAT_MM)
+		fill_mm_figures(task, flags, ms);
 	/*
 	 * pss and the heaps come from the tool's smaps walk; ashmem, dma-buf
-	 * and gpu have no per-process counter in a mainline kernel. They stay 0.
+	 * and gpu have no per-process counter in a mainline kernel. All stay 0.
 	 */
 }
 
