@@ -207,7 +207,7 @@ std::vector<Group> Recorder::groups() const {
       const uint64_t count = s.count.load(std::memory_order_relaxed);
       if (!s.used || count == 0) continue;
       out.push_back({s.bytes.load(std::memory_order_relaxed), count,
-                     std::vector<uintptr_t>(s.frames, s.frames + s.depth)});
+                     std::vector<uintptr_t>(s.frames, s.frames + s.depth), shard == 0 && i == 0});
     }
   }
   return out;

@@ -31,6 +31,7 @@ struct Group {
   uint64_t bytes;
   uint64_t count;
   std::vector<uintptr_t> frames;
+  bool table_full = false;  // blocks that came when the backtrace table had no room
 };
 
 // Sorts groups by total bytes, then by count, largest first; equal ones keep their order.

@@ -109,7 +109,7 @@ std::vector<std::string> dump_texts(std::vector<Group> groups, const RecorderSta
     }
     std::string text = printf_string("%" PRIu64 " bytes in %" PRIu64 " allocations", g.bytes,
                                      g.count);
-    if (g.frames.empty()) text += " (no backtrace: the backtrace table was full)";
+    if (g.table_full) text += " (no backtrace: the backtrace table was full)";
     for (size_t f = 0; f < g.frames.size(); ++f) {
       text += '\n';
       text += describe_frame(static_cast<int>(f), g.frames[f]);
