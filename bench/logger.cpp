@@ -4,6 +4,8 @@
 // reported as the ratio of the two; the goal is at most 2.
 #include "libs/kestrel/logger.h"
 
+#include "bench/ratio.h"
+
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <stdio.h>
@@ -86,30 +88,15 @@ void BM_Print(benchmark::State& state) {
 }
 BENCHMARK(BM_Print)->Arg(FORMAT_DEFAULT)->Arg(FORMAT_MESSAGE);
 
-// Keeps each benchmark's CPU time per record (the write to /dev/null is CPU time too, and it
-// does not count the waits of a machine shared with other work) for the ratios after the table.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const Run& run : runs) {
-      if (run.run_type == Run::RT_Iteration && run.iterations > 0) {
-        ns_per_record_[run.benchmark_name()] = run.GetAdjustedCPUTime();
-      }
-    }
+// CPU time per record, the write to /dev/null included, against the bare write.
+void print_ratios(const std::map<std::string, double>& ns_per_record) {
+  auto base = ns_per_record.find("BM_BareWrite");
+  if (base == ns_per_record.end() || base->second <= 0) return;
+  for (const auto& [name, ns] : ns_per_record) {
+    if (name == base->first) continue;
+    printf("%s / BM_BareWrite: %.2fx (target at most 2x)\n", name.c_str(), ns / base->second);
   }
-  void PrintRatios() const {
-    auto base = ns_per_record_.find("BM_BareWrite");
-    if (base == ns_per_record_.end() || base->second <= 0) return;
-    for (const auto& [name, ns] : ns_per_record_) {
-      if (name == base->first) continue;
-      printf("%s / BM_BareWrite: %.2fx (target at most 2x)\n", name.c_str(), ns / base->second);
-    }
-  }
-
- private:
-  std::map<std::string, double> ns_per_record_;
-};
+}
 
 }  // namespace
 
@@ -121,7 +108,7 @@ int main(int argc, char** argv) {
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.PrintRatios();
+  print_ratios(reporter.ns());
   benchmark::Shutdown();
   return 0;
 }

@@ -17,6 +17,7 @@
 #include "libs/kestrel/kit.h"
 #include "libs/kestrel/logger.h"
 #include "libs/kestrel/device.h"
+#include "libs/kestrel/malloc_debug.h"
 #include "parse-options/parse-options.h"
 #include "parse-options/pid_cmdline.h"
 
@@ -24,26 +25,14 @@ using tarvo::kestrel::logger::Entry;
 using tarvo::kestrel::logger::FORMAT_MESSAGE;
 using tarvo::kestrel::logger::kestrel_logger_print;
 using tarvo::kestrel::logger::RecordBuffer;
+using namespace tarvo::kestrel::malloc_debug;
 
 namespace {
-
-// The request values the hook understands; the signal carries one of them.
-enum malloc_debug_request {
-  kEnable = 0,
-  kDump = 1,
-  kDisable = 2,
-  kStat = 3,
-  kPurge = 4,
-  kPurgeAll = 5,
-};
 
 // Indexed by the request value.
 constexpr const char* kRequestNames[] = {
     "enable", "dump", "disable", "alloc-stats", "alloc-purge", "alloc-purge_all",
 };
-
-// The hook listens on this real-time signal; the number is fixed between tool and libc.
-int malloc_debug_signal() { return __libc_current_sigrtmax() - 19; }
 
 // A dump waits at most this long for each record of the target.
 constexpr int kDumpTimeoutMs = 5000;
@@ -144,7 +133,7 @@ int cmd_malloc_debug(int argc, const char** argv) {
 
   union sigval value = {};
   value.sival_int = request;
-  if (sigqueue(pid, malloc_debug_signal(), value) != 0) {
+  if (sigqueue(pid, request_signal(), value) != 0) {
     return error("install malloc_debug failed. %s\n", strerror(errno));
   }
 

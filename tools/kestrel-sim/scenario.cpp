@@ -264,6 +264,9 @@ bool parse_line(std::string_view line, Scenario* sc, std::string* why) {
   } else if (word == "trace") {
     if (a.empty()) return *why = "trace needs a path", false;
     sc->trace = a;
+  } else if (word == "log-file") {
+    if (a.empty()) return *why = "log-file needs a path", false;
+    sc->log_file = a;
   } else if (word == "proc") {
     proc_ms ms;
     if (!parse_proc(rest, &ms, why)) return false;

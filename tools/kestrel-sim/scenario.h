@@ -36,6 +36,9 @@ struct Scenario {
   bool host_procs = false;
   std::vector<FeedItem> feed;
   bool hold = false;
+  // Shared by the processes of one run: records written to the device append here, and every
+  // stream follows it after the scenario's own records.
+  std::string log_file;
 };
 
 // Host mode: version 1.0, the host's processes, a log stream that stays open and stays silent.

@@ -5,7 +5,9 @@
 //
 // The read-only device is one end of a SOCK_SEQPACKET socket pair: a feeder thread writes one
 // log record per packet into the other end, so each read() returns exactly one record and
-// select() works as on the device. The write-only device is an eventfd that only takes ioctls.
+// select() works as on the device. The write-only device is an eventfd that takes ioctls; with a
+// shared log file, records written to it go to that file, which every stream follows, so the
+// records of one simulated process reach the readers in another.
 #undef _FORTIFY_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
@@ -22,6 +24,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -113,7 +116,44 @@ int injected(Device& d, Call call) {
   return d.sc.fail_errno[call];
 }
 
-void feed_records(std::vector<FeedItem> feed, int fd, bool hold) {
+// The write descriptors whose records go to the shared log file. A lock of their own, not the
+// device's: write() and close() come here from inside the simulator too.
+struct LogWriters {
+  std::mutex mu;
+  std::vector<int> fds;
+  std::string path;
+};
+LogWriters& log_writers() {
+  static LogWriters* w = new LogWriters;
+  return *w;
+}
+// Set once a writer is handed out: until then write() and close() pass straight through.
+std::atomic<bool> g_log_writers{false};
+
+// Sends the shared log file's records from its start, then each one as it is appended, until
+// the reader has gone. A record whose tail is still being written is taken on a later pass.
+void follow_log_file(const std::string& path, int sock) {
+  int fd = open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0600);
+  if (fd < 0) fatal("cannot read log file " + path + ": " + strerror(errno));
+  std::string record;
+  off_t at = 0;
+  for (;;) {
+    uint16_t len;
+    if (pread(fd, &len, sizeof(len), at) == sizeof(len)) {
+      record.resize(sizeof(tarvo::kestrel::logger::user_logger_entry_compat) + len);
+      if (pread(fd, record.data(), record.size(), at) == static_cast<ssize_t>(record.size())) {
+        if (send(sock, record.data(), record.size(), MSG_NOSIGNAL) < 0) break;
+        at += static_cast<off_t>(record.size());
+        continue;
+      }
+    }
+    timespec pause = {0, 10 * 1000000L};
+    nanosleep(&pause, nullptr);
+  }
+  close(fd);
+}
+
+void feed_records(std::vector<FeedItem> feed, int fd, bool hold, std::string log_file) {
   for (FeedItem& item : feed) {
     if (item.delay_ms >= 0) {
       timespec pause = {item.delay_ms / 1000, (item.delay_ms % 1000) * 1000000L};
@@ -129,9 +169,13 @@ void feed_records(std::vector<FeedItem> feed, int fd, bool hold) {
       if (!item.nsec_given) memcpy(item.record.data() + 24, &nsec, sizeof(nsec));
     }
     // The reader has gone away: nothing more to do.
-    if (send(fd, item.record.data(), item.record.size(), MSG_NOSIGNAL) < 0) break;
+    if (send(fd, item.record.data(), item.record.size(), MSG_NOSIGNAL) < 0) {
+      close(fd);
+      return;
+    }
   }
-  if (!hold) close(fd);
+  if (!log_file.empty()) follow_log_file(log_file, fd);
+  if (!hold || !log_file.empty()) close(fd);
 }
 
 int open_stream(Device& d, int flags) {
@@ -142,7 +186,7 @@ int open_stream(Device& d, int flags) {
   std::vector<FeedItem> feed;
   if (!d.fed) feed = d.sc.feed;
   d.fed = true;
-  if (feed.empty()) {
+  if (feed.empty() && d.sc.log_file.empty()) {
     if (!d.sc.hold) close(sv[1]);
     return sv[0];
   }
@@ -150,7 +194,7 @@ int open_stream(Device& d, int flags) {
   sigset_t all, old;
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &old);
-  std::thread(feed_records, std::move(feed), sv[1], d.sc.hold).detach();
+  std::thread(feed_records, std::move(feed), sv[1], d.sc.hold, d.sc.log_file).detach();
   pthread_sigmask(SIG_SETMASK, &old, nullptr);
   return sv[0];
 }
@@ -170,7 +214,58 @@ int device_open(int flags) {
   }
   int fd = read_only ? open_stream(d, flags) : eventfd(0, (flags & O_CLOEXEC) ? EFD_CLOEXEC : 0);
   if (fd >= 0) d.fds.push_back(fd);
+  if (fd >= 0 && !read_only && !d.sc.log_file.empty()) {
+    LogWriters& w = log_writers();
+    std::lock_guard<std::mutex> writers_lock(w.mu);
+    w.fds.push_back(fd);
+    w.path = d.sc.log_file;
+    g_log_writers.store(true);
+  }
   return fd;
+}
+
+// A write of one record to the device, as the driver takes it: the payload (priority, tag, zero
+// byte, message) of 3 to 4044 bytes, stamped with the writer's pid, tid and the time and appended
+// to the shared log file in one write. False when `fd` is not a device writer.
+bool driver_write(int fd, const void* buf, size_t n, ssize_t* ret) {
+  std::string path;
+  {
+    LogWriters& w = log_writers();
+    std::lock_guard<std::mutex> lock(w.mu);
+    if (std::find(w.fds.begin(), w.fds.end(), fd) == w.fds.end()) return false;
+    path = w.path;
+  }
+  const char* payload = static_cast<const char*>(buf);
+  *ret = -1;
+  if (n < 3 || n > tarvo::kestrel::logger::kMaxPayload || memchr(payload + 1, '\0', n - 1) == nullptr) {
+    errno = EINVAL;
+    return true;
+  }
+  tarvo::kestrel::logger::user_logger_entry_compat head = {};
+  head.len = static_cast<uint16_t>(n);
+  head.pid = getpid();
+  head.tid = gettid();
+  timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
+  head.sec = now.tv_sec;
+  head.nsec = now.tv_nsec;
+  std::string record(reinterpret_cast<const char*>(&head), sizeof(head));
+  record.append(payload, n);
+  int log = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+  if (log < 0) fatal("cannot write log file " + path + ": " + strerror(errno));
+  // O_APPEND places each record whole at the end, whichever process writes it.
+  if (write(log, record.data(), record.size()) == static_cast<ssize_t>(record.size())) {
+    *ret = static_cast<ssize_t>(n);
+  }
+  close(log);
+  return true;
+}
+
+// A closed writer's number may come back for any file.
+void forget_writer(int fd) {
+  LogWriters& w = log_writers();
+  std::lock_guard<std::mutex> lock(w.mu);
+  std::erase(w.fds, fd);
 }
 
 // Scenario processes first, then the host's, up to `max`.
@@ -362,6 +457,19 @@ int __openat64_2(int dirfd, const char* path, int flags) {
   if (is_device(path)) return device_open(flags);
   static auto real = next<int (*)(int, const char*, int)>("__openat64_2");
   return real(dirfd, path, flags);
+}
+
+ssize_t write(int fd, const void* buf, size_t n) {
+  ssize_t ret;
+  if (kestrel_sim::g_log_writers.load() && kestrel_sim::driver_write(fd, buf, n, &ret)) return ret;
+  static auto real = next<ssize_t (*)(int, const void*, size_t)>("write");
+  return real(fd, buf, n);
+}
+
+int close(int fd) {
+  if (kestrel_sim::g_log_writers.load()) kestrel_sim::forget_writer(fd);
+  static auto real = next<int (*)(int)>("close");
+  return real(fd);
 }
 
 int ioctl(int fd, unsigned long request, ...) noexcept {
