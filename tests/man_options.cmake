@@ -4,8 +4,12 @@
 # (".SS \"kestrel <command> ...\"", up to the next section) as \-x or \-\-long\-name, and every
 # option that section shows must still be in the table. Each row's option line in the page (the
 # line after ".TP") must pair the row's short and long names as the table does and show a value
-# when the row takes one. Files of cmds/ that are not a command (cmd_<word>.cpp) only need their
-# options somewhere in the page.
+# when the row takes one. The text that follows an option line, up to the next request (".br"),
+# must read, once roff escapes are undone, as the row's help text: what -h prints for it. Rows
+# with an empty help text are exempt. Likewise the first text of each command's section must be
+# the command's help text in the command table of cmds/main.cpp, and every command there must
+# have a section. Files of cmds/ that are not a command (cmd_<word>.cpp) only need their options
+# somewhere in the page.
 #
 # Included by tests/CMakeLists.txt it registers itself as a test; the test runs it as
 #   cmake -DKESTREL_SOURCE_DIR=<top of the tree> -P tests/man_options.cmake
@@ -26,23 +30,87 @@ file(READ ${page_path} page)
 string(ASCII 1 M)
 string(REPLACE "\\-" "${M}" page "${page}")
 
-# The option lines of the page (the line after each ".TP"), each as "<command word>|<line>".
-string(REPLACE ";" "," lines "${page}")
+# CMake lists split at ";" and do not split inside "[...]", so texts that go into lists carry
+# these three as marker characters, page and code alike; only the final message shows them.
+string(ASCII 2 semicolon)
+string(ASCII 3 open)
+string(ASCII 4 close)
+function(listable text out)
+  string(REPLACE ";" "${semicolon}" text "${text}")
+  string(REPLACE "[" "${open}" text "${text}")
+  string(REPLACE "]" "${close}" text "${text}")
+  set(${out} "${text}" PARENT_SCOPE)
+endfunction()
+
+# The option lines of the page (the line after each ".TP"), each as "<command word>|<line>", and
+# in option_texts the text after each, up to the next request. The command words of the ".SS"
+# headings go into command_words and the text after each into command_texts. Texts are stored
+# as "=<text>" so that an empty one still takes its place in the list.
+listable("${page}" lines)
 string(REPLACE "\n" ";" lines "${lines}")
 set(option_lines "")
+set(option_texts "")
+set(command_words "")
+set(command_texts "")
 set(word "")
 set(after_tp FALSE)
+set(gather "")
 foreach(line IN LISTS lines)
+  # A ".br" right after an option line puts the text below an option shorter than the indent.
+  if(gather AND text STREQUAL "" AND line STREQUAL ".br")
+    continue()
+  elseif(gather AND NOT line MATCHES "^[.']" AND NOT line STREQUAL "")
+    string(APPEND text " ${line}")
+    continue()
+  elseif(gather)
+    list(APPEND ${gather}_texts "=${text}")
+    set(gather "")
+  endif()
   if(line MATCHES "^\\.SS \"kestrel ([^ \"]+)")
     string(REPLACE "${M}" "-" word "${CMAKE_MATCH_1}")
+    list(APPEND command_words "${word}")
+    set(gather command)
+    set(text "")
   elseif(after_tp AND line MATCHES "^\\.B")
     list(APPEND option_lines "${word}|${line}")
+    set(gather option)
+    set(text "")
   endif()
   set(after_tp FALSE)
   if(line STREQUAL ".TP")
     set(after_tp TRUE)
   endif()
 endforeach()
+if(gather)
+  list(APPEND ${gather}_texts "=${text}")
+endif()
+
+# What a text gathered above reads as: font changes, zero-width escapes and the "=" dropped,
+# named characters and escaped blanks, minuses and backslashes turned back into themselves.
+string(ASCII 5 backslash)
+function(roff_text text out)
+  string(REGEX REPLACE "^= *" "" text "${text}")
+  string(STRIP "${text}" text)
+  string(REGEX REPLACE "\\\\[e\\\\]" "${backslash}" text "${text}")
+  string(REGEX REPLACE "\\\\f(\\(..|${open}[^${close}]*${close}|.)" "" text "${text}")
+  string(REGEX REPLACE "\\\\[&%|^:]" "" text "${text}")
+  string(REGEX REPLACE "\\\\[ ~]" " " text "${text}")
+  string(REGEX REPLACE "\\\\(\\(dq|${open}dq${close})" "\"" text "${text}")
+  string(REGEX REPLACE "\\\\(\\(aq|${open}aq${close})" "'" text "${text}")
+  # A bare "-" prints as a hyphen (U+2010 in a UTF-8 terminal), not as the minus the program
+  # prints.
+  string(REPLACE "-" "‐" text "${text}")
+  string(REPLACE "${M}" "-" text "${text}")
+  string(REPLACE "${backslash}" "\\" text "${text}")
+  set(${out} "${text}" PARENT_SCOPE)
+endfunction()
+
+# What a C string literal's body (quotes taken off) prints as.
+function(c_text text out)
+  string(REGEX REPLACE "\\\\([\"\\\\])" "\\1" text "${text}")
+  set(${out} "${text}" PARENT_SCOPE)
+endfunction()
+set(c_string "\"((\\\\.|[^\"\\\\])*)\"")
 
 string(REPLACE "\n" " " page " ${page} ")
 
@@ -89,6 +157,7 @@ set(problems "")
 set(total 0)
 foreach(source ${sources})
   file(READ ${source} code)
+  listable("${code}" code)
   get_filename_component(name ${source} NAME)
   set(table "")
   string(REGEX MATCHALL "\\.short_name *= *'[^']'" shorts "${code}")
@@ -118,23 +187,37 @@ foreach(source ${sources})
     set(where "section \"kestrel ${word}\"")
 
     # Row by row: the option line that shows the long name must show the row's short name too,
-    # and a value when the row takes one.
-    string(REGEX MATCHALL "{\\.type = OPTION_[A-Z]+,[^}]*}" rows "${code}")
+    # and a value when the row takes one, and the text after it must be the row's help text.
+    string(REGEX MATCHALL "{\\.type = OPTION_[A-Z]+,([^}\"]|${c_string})*}" rows "${code}")
     foreach(row ${rows})
       if(NOT row MATCHES "\\.long_name = \"([^\"]+)\"")
         continue()
       endif()
       string(REPLACE "-" "${M}" long "${M}${M}${CMAKE_MATCH_1}")
       set(found "")
+      set(index 0)
       foreach(entry ${option_lines})
         if(entry MATCHES "^${word}\\|(.*${long}([^A-Za-z0-9_${M}].*)?)$")
           set(found "${CMAKE_MATCH_1}")
+          list(GET option_texts ${index} text)
         endif()
+        math(EXPR index "${index} + 1")
       endforeach()
       string(REPLACE "${M}" "-" shown_long "${long}")
       if(NOT found)
         list(APPEND problems "${name}: no option line for ${shown_long} in ${where}")
         continue()
+      endif()
+      if(NOT row MATCHES "\\.help = ${c_string}[ \n]*[,}]")
+        list(APPEND problems "${name}: cannot read the help text of ${shown_long}")
+      else()
+        c_text("${CMAKE_MATCH_1}" help)
+        roff_text("${text}" shown_help)
+        if(NOT help STREQUAL "" AND NOT shown_help STREQUAL help)
+          string(CONCAT problem "${name}: the page's text for ${shown_long} is \"${shown_help}\", "
+                                "its help text is \"${help}\"")
+          list(APPEND problems "${problem}")
+        endif()
       endif()
       if(row MATCHES "\\.short_name = '(.)'")
         set(short "${CMAKE_MATCH_1}")
@@ -166,11 +249,49 @@ foreach(source ${sources})
   endif()
 endforeach()
 
+# The command table: each command's section must open with its help text, and every section
+# must be a command of the table.
+file(READ ${KESTREL_SOURCE_DIR}/cmds/main.cpp code)
+listable("${code}" code)
+string(REGEX MATCHALL "{\"[a-z-]+\", *[A-Za-z0-9_]+, *${c_string}}" commands "${code}")
+if(NOT commands)
+  list(APPEND problems "no command found in the command table of cmds/main.cpp")
+endif()
+set(table_words "")
+foreach(command ${commands})
+  string(REGEX MATCH "^{\"([a-z-]+)\", *[A-Za-z0-9_]+, *${c_string}}$" command "${command}")
+  set(word "${CMAKE_MATCH_1}")
+  c_text("${CMAKE_MATCH_2}" help)
+  list(APPEND table_words "${word}")
+  list(FIND command_words "${word}" index)
+  if(index EQUAL -1)
+    list(APPEND problems "main.cpp: no section \"kestrel ${word}\" in the manual page")
+    continue()
+  endif()
+  list(GET command_texts ${index} text)
+  roff_text("${text}" shown_help)
+  if(NOT shown_help STREQUAL help)
+    string(CONCAT problem "main.cpp: the section \"kestrel ${word}\" opens with \"${shown_help}\", "
+                          "the command's help text is \"${help}\"")
+    list(APPEND problems "${problem}")
+  endif()
+endforeach()
+foreach(word ${command_words})
+  if(NOT word IN_LIST table_words)
+    list(APPEND problems "the page has a section \"kestrel ${word}\", which no command has")
+  endif()
+endforeach()
+
 if(total EQUAL 0)
   list(APPEND problems "no option found in any table of cmds/*.cpp; has the table format changed?")
 endif()
 if(problems)
   list(JOIN problems "\n  " text)
+  string(REPLACE "${semicolon}" ";" text "${text}")
+  string(REPLACE "${open}" "[" text "${text}")
+  string(REPLACE "${close}" "]" text "${text}")
   message(FATAL_ERROR "docs/kestrel.1 and the option tables disagree:\n  ${text}")
 endif()
-message(STATUS "docs/kestrel.1 lists all ${total} options of the option tables")
+list(LENGTH commands n)
+message(STATUS "docs/kestrel.1 lists all ${total} options of the option tables and all ${n} "
+               "commands, with their help texts")
