@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <regex>
 #include <string>
 #include <vector>
@@ -46,6 +47,17 @@ class Target {
     return out_ != nullptr && fgets(buf, sizeof(buf), out_) != nullptr ? buf : "";
   }
   std::string pid() const { return std::to_string(pid_); }
+  // The program name the success lines show: under qemu-user the kernel shows the emulator's.
+  std::string shown_name() const {
+#ifdef KESTREL_TESTS_UNDER_EMULATION
+    std::ifstream cmdline("/proc/" + pid() + "/cmdline");
+    std::string name;
+    std::getline(cmdline, name, '\0');
+    return name;
+#else
+    return KESTREL_HOOK_TARGET;
+#endif
+  }
   bool alive() const { return waitpid(pid_, nullptr, WNOHANG) == 0; }
 
  private:
@@ -76,7 +88,7 @@ std::string target_part(const std::string& dump) {
 void enable_then_allocate(Target* target, const std::string& scenario) {
   ASSERT_EQ(target->line(), "ready\n");
   Result r = run_kestrel({"malloc-debug", "-e", target->pid()}, {.scenario = scenario});
-  EXPECT_EQ(r.out, std::string(KESTREL_HOOK_TARGET) + ":" + target->pid() +
+  EXPECT_EQ(r.out, target->shown_name() + ":" + target->pid() +
                        " enable malloc debug successfully\n");
   kill(std::stoi(target->pid()), SIGUSR1);
   ASSERT_EQ(target->line(), "allocated\n");
@@ -142,6 +154,9 @@ TEST(MallocHook, AnswersEveryRequest) {
 // Threads allocating through every allocation function while the main thread forks: nothing
 // hangs or crashes, the children finish, and the dump still holds both sites exactly.
 TEST(MallocHook, SurvivesThreadsAndFork) {
+#ifdef KESTREL_TESTS_UNDER_EMULATION
+  GTEST_SKIP() << "fork in a threaded program can hang qemu-user itself; the VM check covers arm64";
+#endif
   TempDir dir;
   const std::string scenario = "log-file " + dir.file("log") + "\n";
   Target target(dir.write("scenario", scenario), "storm");
