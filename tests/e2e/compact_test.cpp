@@ -55,14 +55,23 @@ struct Child {
   pid_t pid = -1;
 };
 
-TEST(CompactCommand, HelpAndVanishedProcess) {
-  expect_run(run_kestrel({"compact", "-h"}, kNoSim), "",
-             "usage: kestrel proc_madvise [options]\n"
-             "    -p,--pid              pid of process. compact all processes (uid > 10000) if not given\n"
-             "    --file                compact file\n"
-             "    --anon                compact anon\n"
-             "\n",
-             129);
+// Help, and every leftover argument (a pid typed without --pid must not widen the command to
+// every system process), end with the usage; a process that is gone is reported and skipped.
+TEST(CompactCommand, UsageStrayArgumentsAndVanishedProcess) {
+  const std::string usage =
+      "usage: kestrel proc_madvise [options]\n"
+      "    -p,--pid              pid of process. compact all processes (uid > 10000) if not given\n"
+      "    --file                compact file\n"
+      "    --anon                compact anon\n"
+      "\n";
+  const std::vector<std::string> refused[] = {
+      {"-h"}, {"1234"}, {"--anon", "1234"}, {"--pid", "99999999", "extra"}, {"--all"}};
+  for (const auto& args : refused) {
+    SCOPED_TRACE(args.back());
+    std::vector<std::string> argv = {"compact"};
+    argv.insert(argv.end(), args.begin(), args.end());
+    expect_run(run_kestrel(argv, kNoSim), "", usage, 129);
+  }
   expect_run(run_kestrel({"compact", "--pid", "99999999"}, kNoSim),
              "read pid:99999999 failed\ndone: total <t> ms\n", "", 0);
 }

@@ -36,90 +36,52 @@ struct Ending {
   std::string name;
   std::vector<std::string> args;
   std::string scenario;  // driver simulator scenario; empty: host mode
-  int status;
+  int status;            // kAnyStatus: not compared
   const char* err;
   std::vector<std::string> kept;  // the report without descriptor numbers, in any order
 };
-
-// The descriptions of a report ("5 /proc/meminfo cloexec" gives "/proc/meminfo cloexec"),
-// sorted, or one line saying there was none. Numbers and order are left out: the simulator
-// closes its end of a finished stream at a moment of its own, so later descriptors may or may
-// not take its number.
 constexpr int kAnyStatus = -1;
 
-std::vector<std::string> report_of(const std::string& path) {
-  std::ifstream in(path);
-  if (!in) return {"<no report at " + path + ">"};
-  std::vector<std::string> kept;
-  for (std::string line; std::getline(in, line);) kept.push_back(line.substr(line.find(' ') + 1));
-  std::sort(kept.begin(), kept.end());
-  return kept;
-}
-
-void expect_ending(const Ending& e, const Result& r, const std::vector<std::string>& kept) {
-  EXPECT_FALSE(r.timed_out);
-  if (e.status != kAnyStatus) {
-    EXPECT_EQ(r.status, e.status);
-  }
-  if (e.err != nullptr) {
-    EXPECT_EQ(r.err, e.err);
-  }
-  std::vector<std::string> want = e.kept;
-  std::sort(want.begin(), want.end());
-  EXPECT_EQ(kept, want);
-}
-
-// Runs one ending inside `box`, whose files the caller laid out.
-void run_in_sandbox(Sandbox& box, const Ending& e) {
-  SCOPED_TRACE(e.name);
-  RunOptions opts;
-  opts.scenario = e.scenario;
-  opts.env = {"KESTREL_FD_REPORT=/tmp/fds"};
-  opts.preload = {fd_report_library()};
-  Result r = box.run(e.args, opts);
-  expect_ending(e, r, report_of(box.host_path("/tmp/fds")));
-}
-
-void run_on_host(const std::vector<Ending>& endings) {
+// Runs each ending, in `box` when given (its files laid out by the caller), and compares the
+// report's descriptions ("5 /proc/meminfo cloexec" gives "/proc/meminfo cloexec"), sorted.
+// Numbers and order are left out: the simulator closes its end of a finished stream at a moment
+// of its own, so later descriptors may or may not take its number.
+void run_endings(const std::vector<Ending>& endings, Sandbox* box = nullptr) {
   for (const Ending& e : endings) {
     SCOPED_TRACE(e.name);
     TempDir dir;
-    RunOptions opts;
-    opts.scenario = e.scenario;
-    opts.env = {"KESTREL_FD_REPORT=" + dir.file("fds")};
-    opts.preload = {fd_report_library()};
-    Result r = run_kestrel(e.args, opts);
-    expect_ending(e, r, report_of(dir.file("fds")));
+    const std::string report = box ? box->host_path("/tmp/fds") : dir.file("fds");
+    RunOptions opts{.scenario = e.scenario, .preload = {fd_report_library()},
+                    .env = {"KESTREL_FD_REPORT=" + (box ? "/tmp/fds" : report)}};
+    Result r = box ? box->run(e.args, opts) : run_kestrel(e.args, opts);
+    EXPECT_FALSE(r.timed_out);
+    if (e.status != kAnyStatus) { EXPECT_EQ(r.status, e.status); }
+    if (e.err != nullptr) { EXPECT_EQ(r.err, e.err); }
+    std::ifstream in(report);
+    std::vector<std::string> kept, want = e.kept;
+    if (!in) kept.push_back("<no report at " + report + ">");
+    for (std::string line; std::getline(in, line);) kept.push_back(line.substr(line.find(' ') + 1));
+    std::sort(kept.begin(), kept.end());
+    std::sort(want.begin(), want.end());
+    EXPECT_EQ(kept, want);
   }
 }
 
-// The test process itself takes malloc-debug's request: its signal is blocked here, so it stays
-// pending instead of ending the process, and is taken back when the object goes.
-class SelfAsTarget {
- public:
+// malloc-debug's request goes to the test process itself, which ignores the signal meanwhile.
+struct SelfAsTarget {
   SelfAsTarget() {
-    sigemptyset(&set_);
-    sigaddset(&set_, SIGRTMAX - 19);
-    sigprocmask(SIG_BLOCK, &set_, &old_);
+    struct sigaction ignore = {};
+    ignore.sa_handler = SIG_IGN;
+    sigaction(SIGRTMAX - 19, &ignore, &before);
   }
-  ~SelfAsTarget() {
-    const timespec now = {};
-    while (sigtimedwait(&set_, nullptr, &now) > 0) {
-    }
-    sigprocmask(SIG_SETMASK, &old_, nullptr);
-  }
-  SelfAsTarget(const SelfAsTarget&) = delete;
-  SelfAsTarget& operator=(const SelfAsTarget&) = delete;
-
+  ~SelfAsTarget() { sigaction(SIGRTMAX - 19, &before, nullptr); }
   std::string pid() const { return std::to_string(getpid()); }
-
- private:
-  sigset_t set_, old_;
+  struct sigaction before = {};
 };
 
 TEST(Descriptors, DispatcherAndVersionKeepOnlyTheDriver) {
   const std::string unknown = kestrel_binary() + ": 'bogus' is not a kestrel command.\n";
-  run_on_host({
+  run_endings({
       {"no command", {}, "", 1, "", {}},
       {"unknown command", {"bogus"}, "", 1, unknown.c_str(), {}},
       {"version", {"version"}, "version 131077\n", 0, "", {kStream}},
@@ -131,7 +93,7 @@ TEST(Descriptors, DispatcherAndVersionKeepOnlyTheDriver) {
 }
 
 TEST(Descriptors, LoggerKeepsOnlyTheDriver) {
-  run_on_host({
+  run_endings({
       {"end of stream", {"logger"}, "log msg=x\n", 129, kEndOfStream, {kStream}},
       {"length mismatch", {"logger"}, std::string("log len=+3 msg=x\n") + kHeld, 129,
        "fatal: read: unexpected length. Expected 14, got 11\n\n", {kStream, kStream}},
@@ -146,7 +108,7 @@ TEST(Descriptors, LoggerKeepsOnlyTheDriver) {
 TEST(Descriptors, ConfigKeepsNothing) {
   const std::string fixtures = fixtures_dir() + "/config/";
   const std::string sample = fixtures + "../../../examples/tarvo_mm_config.xml";
-  run_on_host({
+  run_endings({
       {"load", {"config", "--load", "all", "--file", sample}, "", 0, "", {}},
       {"invalid group", {"config", "--load", "bogus", "--file", sample}, "", 255, "", {}},
       {"missing file", {"config", "--load", "all", "--file", fixtures + "missing.xml"}, "", 255,
@@ -164,7 +126,7 @@ TEST(Descriptors, MallocDebugAndMemStressKeepOnlyTheDriver) {
   SelfAsTarget target;
   const std::string dump_end =
       "log pid=" + target.pid() + " sec=now tag=malloc_debug msg=END\n" + kHeld;
-  run_on_host({
+  run_endings({
       {"request", {"malloc-debug", "-e", target.pid()}, "", 0, "", {}},
       {"dump", {"malloc-debug", "-d", target.pid()}, dump_end, 0, "", {kStream, kStream}},
       {"dump without end", {"malloc-debug", "-d", target.pid()}, "version 65536\n", 129,
@@ -205,7 +167,7 @@ TEST(Descriptors, AgingKeepsTheDriverItsMeminfoReaderAndItsLogs) {
     Sandbox box;
     if (c.meminfo) box.write_file("/proc/meminfo", "MemTotal: 1024 kB\nIonTotalUsed: 2 kB\n");
     box.make_dir(c.heapdump ? "/data/tarvo/heapdump" : "/data/tarvo");
-    run_in_sandbox(box, c.ending);
+    run_endings({c.ending}, &box);
   }
 }
 
@@ -213,7 +175,7 @@ TEST(Descriptors, AgingKeepsTheDriverItsMeminfoReaderAndItsLogs) {
 TEST(Descriptors, MeminfoKeepsOnlyTheDriver) {
   const std::string self = std::to_string(getpid());
   const std::string procs = "proc pid=" + self + " uid=0 comm=self\nproc pid=4200001 comm=gone\n";
-  run_on_host({
+  run_endings({
       {"table with heap figures", {"meminfo", "-v"}, procs, 0, "", {kStream}},
       {"one process with its command line", {"meminfo", "-e", self}, procs, 0, "", {kStream}},
       {"unknown pid", {"meminfo", "-p", "77"}, procs, 129, "fatal: read mem stat failed.\n",
@@ -228,7 +190,7 @@ TEST(Descriptors, MeminfoKeepsOnlyTheDriver) {
 
 // A pidfd is opened per process compacted; this test process lends its own memory.
 TEST(Descriptors, CompactKeepsNothing) {
-  run_on_host({
+  run_endings({
       {"one process", {"compact", "--pid", std::to_string(getpid()), "--file"}, "", 0, "", {}},
       {"vanished process", {"compact", "--pid", "4200001"}, "", 0, "", {}},
       {"usage", {"compact", "-h"}, "", 129, nullptr, {}},
@@ -243,7 +205,7 @@ TEST(Descriptors, CompactWalkKeepsNothing) {
   box.write_file("/proc/4200001/status", "Name:\tgone\n");
   box.write_file("/proc/4200001/cmdline", std::string("gone\0", 5));
   box.write_file("/proc/4200001/maps", "10000000-10001000 r--p 00000000 fe:00 7 /system/lib64/libc.so\n");
-  run_in_sandbox(box, {"walk", {"compact"}, "", 0, "error: open pid failed\n\n", {}});
+  run_endings({{"walk", {"compact"}, "", 0, "error: open pid failed\n\n", {}}}, &box);
 }
 
 TEST(Descriptors, UtilsKeepsOnlyTheSceneDevice) {
@@ -256,7 +218,7 @@ TEST(Descriptors, UtilsKeepsOnlyTheSceneDevice) {
     return "fatal: " + path + " is not a valid elf file or file does not exit.\n";
   };
   const std::string not_elf_text = not_elf(text), not_elf_fifo = not_elf(fifo);
-  run_on_host({
+  run_endings({
       {"one file", {"utils", "--elf-align", elf}, "", 0, "error: \nVerify align pass! (^_^)\n\n", {}},
       {"not an ELF file", {"utils", "--elf-align", text}, "", 129, not_elf_text.c_str(), {}},
       // Nobody writes to it: opening it must not wait for a writer.
@@ -278,8 +240,8 @@ TEST(Descriptors, UtilsDeviceWalkKeepsNothing) {
   box.write_file("/vendor/lib64/libsmall.so",
                  kestrel_fixtures::elf_image({kestrel_fixtures::elf_load(4096)}));
   box.write_file("/vendor/lib64/README", "not an ELF file\n");
-  run_in_sandbox(box, {"walk", {"utils", "--elf-align"}, "", 0,
-                       "error: cannot read directory /odm: No such file or directory\n", {}});
+  run_endings({{"walk", {"utils", "--elf-align"}, "", 0,
+                "error: cannot read directory /odm: No such file or directory\n", {}}}, &box);
 }
 
 }  // namespace

@@ -40,9 +40,7 @@ TEST(LoggerCommand, PrintsEveryRecordUntilTheStreamEnds) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.scenario);
-    kestrel_e2e::RunOptions opts;
-    opts.scenario = c.scenario;
-    kestrel_e2e::Result r = kestrel_e2e::run_kestrel({"logger"}, opts);
+    kestrel_e2e::Result r = kestrel_e2e::run_kestrel({"logger"}, {.scenario = c.scenario});
     EXPECT_FALSE(r.timed_out);
     EXPECT_EQ(r.out, c.out);
     EXPECT_EQ(r.err, c.err);

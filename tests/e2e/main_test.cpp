@@ -28,9 +28,7 @@ const char kCommandList[] =
 
 TEST(Dispatcher, NoArgumentsListsCommandsAndExitsOne) {
   for (bool pty : {false, true}) {
-    RunOptions opts;
-    opts.pty = pty;
-    Result r = run_kestrel({}, opts);
+    Result r = run_kestrel({}, {.pty = pty});
     EXPECT_EQ(r.out, kCommandList);
     EXPECT_EQ(r.err, "");
     EXPECT_EQ(r.status, 1);
@@ -62,9 +60,7 @@ TEST(Version, AsksTheDriver) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.scenario);
     TempDir dir;
-    RunOptions opts;
-    opts.scenario = c.scenario + "trace " + dir.file("trace") + "\n";
-    Result r = run_kestrel(c.args, opts);
+    Result r = run_kestrel(c.args, {.scenario = c.scenario + "trace " + dir.file("trace") + "\n"});
     EXPECT_EQ(r.out, c.out);
     EXPECT_EQ(r.err, c.err);
     EXPECT_EQ(r.status, c.err.empty() ? 0 : 129);
@@ -74,10 +70,8 @@ TEST(Version, AsksTheDriver) {
 
 TEST(Simulator, WrapperRunsKestrelWithScenario) {
   TempDir dir;
-  RunOptions opts;
-  opts.simulator = false;
   Result r = run_program({simulator_wrapper(), "--scenario", dir.write("scenario", "version 0x30002\n"), "--",
-                          "kestrel", "version"}, opts);
+                          "kestrel", "version"}, {.simulator = false});
   EXPECT_EQ(r.out, "kestrel version 3.2\n");
   EXPECT_EQ(r.err, "");
   EXPECT_EQ(r.status, 0);

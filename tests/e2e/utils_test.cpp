@@ -76,9 +76,7 @@ TEST(Utils, EachModeGivesItsExactStreamsStatusAndDriverRequests) {
     unlink(dir.file("trace").c_str());
     std::vector<std::string> args = {"utils"};
     args.insert(args.end(), c.args.begin(), c.args.end());
-    kestrel_e2e::RunOptions opts;
-    opts.scenario = c.scenario + "trace " + dir.file("trace") + "\n";
-    Result r = kestrel_e2e::run_kestrel(args, opts);
+    Result r = kestrel_e2e::run_kestrel(args, {.scenario = c.scenario + "trace " + dir.file("trace") + "\n"});
     EXPECT_EQ(std::tie(r.out, r.err, r.status), std::tie(c.out, c.err, c.status));
     EXPECT_EQ(dir.read("trace"), c.requests);
   }

@@ -69,15 +69,12 @@ void for_each_fd(F&& f) {
 
 std::string socket_kind(int fd) {
   int domain = -1, type = -1;
-  socklen_t len = sizeof(domain);
+  socklen_t len = sizeof(int);
   getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &len);
-  len = sizeof(type);
   getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &len);
-  const char* d = domain == AF_UNIX ? "unix" : domain == AF_INET ? "inet" : domain == AF_INET6 ? "inet6"
-                : domain == AF_NETLINK ? "netlink" : "other";
   const char* t = type == SOCK_STREAM ? "stream" : type == SOCK_DGRAM ? "dgram"
                 : type == SOCK_SEQPACKET ? "seqpacket" : "other";
-  return std::string("socket:") + d + "/" + t;
+  return std::string("socket:") + (domain == AF_UNIX ? "unix" : std::to_string(domain)) + "/" + t;
 }
 
 std::string describe(int fd) {

@@ -90,9 +90,7 @@ std::vector<std::string> child_env(const RunOptions& opts, const std::string& sc
   for (char** e = environ; *e != nullptr; e++) {
     std::string entry = *e;
     std::string name = entry.substr(0, entry.find('='));
-    bool dropped = false;
-    for (const char* d : kDropped) dropped |= name == d;
-    if (!dropped) env.push_back(entry);
+    if (std::find(std::begin(kDropped), std::end(kDropped), name) == std::end(kDropped)) env.push_back(entry);
   }
   env.push_back("TZ=UTC");
   // A sanitized kestrel would refuse a preloaded library ahead of its runtime.
@@ -105,9 +103,7 @@ std::vector<std::string> child_env(const RunOptions& opts, const std::string& sc
     for (const std::string& lib : opts.preload) preload += (preload.empty() ? "" : ":") + lib;
     env.push_back("LD_PRELOAD=" + preload);
   }
-  if (opts.simulator) {
-    if (!scenario_path.empty()) env.push_back("KESTREL_SIM_SCENARIO=" + scenario_path);
-  }
+  if (opts.simulator && !scenario_path.empty()) env.push_back("KESTREL_SIM_SCENARIO=" + scenario_path);
   for (const std::string& extra : opts.env) {
     std::string prefix = extra.substr(0, extra.find('=') + 1);
     std::erase_if(env, [&](const std::string& e) { return e.compare(0, prefix.size(), prefix) == 0; });
@@ -146,15 +142,12 @@ struct Streams {
 };
 
 bool open_streams(const RunOptions& opts, Streams* s, std::string* why) {
-  if (pipe2(s->in, O_CLOEXEC) < 0 || pipe2(s->err, O_CLOEXEC) < 0) {
+  if (pipe2(s->in, O_CLOEXEC) < 0 || pipe2(s->err, O_CLOEXEC) < 0 ||
+      (!opts.pty && pipe2(s->out, O_CLOEXEC) < 0)) {
     *why = "harness: pipe failed";
     return false;
   }
-  if (!opts.pty) {
-    if (pipe2(s->out, O_CLOEXEC) == 0) return true;
-    *why = "harness: pipe failed";
-    return false;
-  }
+  if (!opts.pty) return true;
   winsize ws = {};
   ws.ws_col = static_cast<unsigned short>(opts.pty_cols);
   ws.ws_row = 24;
@@ -192,16 +185,13 @@ bool open_streams(const RunOptions& opts, Streams* s, std::string* why) {
 // Collects the child's output until both streams end, killing the child (and what it started)
 // when the time runs out.
 void collect(pid_t pid, int timeout_ms, int out, int err, Result* result) {
-  int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+  const int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
   std::string* sinks[] = {&result->out, &result->err};
   int readers[] = {out, err};
   int64_t deadline = now_ms() + timeout_ms;
   bool exited = false;
   while (readers[0] >= 0 || readers[1] >= 0) {
-    pollfd fds[3];
-    int n = 0;
-    for (int r : readers) fds[n++] = {r, POLLIN, 0};
-    fds[n++] = {exited ? -1 : pidfd, POLLIN, 0};
+    pollfd fds[3] = {{readers[0], POLLIN, 0}, {readers[1], POLLIN, 0}, {exited ? -1 : pidfd, POLLIN, 0}};
     int64_t left = deadline - now_ms();
     if (left <= 0) {
       // Out of time (or, after the child ended, a descendant still holds the output open).
@@ -210,9 +200,7 @@ void collect(pid_t pid, int timeout_ms, int out, int err, Result* result) {
       kill(pid, SIGKILL);
       if (exited || left < -1000) break;
     }
-    // Without a pidfd the child's end is found by looking every 10 ms.
-    int wait_ms = static_cast<int>(left <= 0 ? 100 : std::min<int64_t>(left, pidfd < 0 ? 10 : 1000));
-    if (poll(fds, static_cast<nfds_t>(n), wait_ms) < 0 && errno != EINTR) break;
+    if (poll(fds, 3, static_cast<int>(std::clamp<int64_t>(left, 100, 1000))) < 0 && errno != EINTR) break;
     for (int i = 0; i < 2; i++) {
       if (readers[i] < 0 || fds[i].revents == 0) continue;
       char buf[16384];
@@ -224,9 +212,7 @@ void collect(pid_t pid, int timeout_ms, int out, int err, Result* result) {
         readers[i] = -1;
       }
     }
-    if (!exited && (pidfd < 0 ? waitid(P_PID, static_cast<id_t>(pid), nullptr,
-                                       WEXITED | WNOHANG | WNOWAIT) == 0
-                              : fds[2].revents != 0)) {
+    if (!exited && fds[2].revents != 0) {
       exited = true;
       // Leftover helpers of the child go with it; their output is still collected.
       kill(-pid, SIGKILL);
@@ -236,7 +222,7 @@ void collect(pid_t pid, int timeout_ms, int out, int err, Result* result) {
   for (int r : readers) {
     if (r >= 0) close(r);
   }
-  if (pidfd >= 0) close(pidfd);
+  close(pidfd);
 }
 
 }  // namespace
@@ -271,12 +257,9 @@ Result launch(const std::vector<std::string>& argv, std::vector<std::string> env
 }
 
 Result run_program(const std::vector<std::string>& argv, const RunOptions& opts) {
-  if (opts.scenario.empty() || !opts.simulator) {
-    return launch(argv, child_env(opts, "", false), opts, nullptr);
-  }
   TempDir dir;
-  std::string path = dir.write("scenario", opts.scenario);
-  return launch(argv, child_env(opts, path, false), opts, nullptr);
+  const bool scenario = !opts.scenario.empty() && opts.simulator;
+  return launch(argv, child_env(opts, scenario ? dir.write("scenario", opts.scenario) : "", false), opts, nullptr);
 }
 
 Result run_kestrel(const std::vector<std::string>& args, const RunOptions& opts) {

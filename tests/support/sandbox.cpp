@@ -28,29 +28,6 @@ struct Bind {
   bool read_only;
 };
 
-bool make_task_entry();
-void remove_task_entry(const std::string& root, pid_t pid);
-void enter_sandbox(const std::string& root, const std::vector<Bind>& binds);
-
-// What the child does before exec when it runs inside a sandbox, and the clean-up after it.
-struct SandboxPlan : ChildSetup {
-  std::string root;
-  std::vector<Bind> binds;
-  bool task_entry = false;  // the child gets /proc/<pid>/task of the real procfs (see below)
-  std::string asan_without_leaks;
-
-  void InChild(std::vector<char*>& env) override {
-    enter_sandbox(root, binds);
-    if (!task_entry || make_task_entry()) return;
-    for (char*& e : env) {
-      if (e != nullptr && strncmp(e, "ASAN_OPTIONS=", 13) == 0) e = asan_without_leaks.data();
-    }
-  }
-  void Reaped(pid_t pid) override {
-    if (task_entry) remove_task_entry(root, pid);
-  }
-};
-
 // Runs in the child, after fork: only system calls from here on.
 void enter_sandbox(const std::string& root, const std::vector<Bind>& binds) {
   if (unshare(CLONE_NEWNS) < 0) child_fail("unshare");
@@ -102,6 +79,25 @@ void remove_task_entry(const std::string& root, pid_t pid) {
   unlink((dir + "/task").c_str());
   rmdir(dir.c_str());
 }
+
+// What the child does before exec when it runs inside a sandbox, and the clean-up after it.
+struct SandboxPlan : ChildSetup {
+  std::string root;
+  std::vector<Bind> binds;
+  bool task_entry = false;  // the child gets /proc/<pid>/task of the real procfs (see below)
+  std::string asan_without_leaks;
+
+  void InChild(std::vector<char*>& env) override {
+    enter_sandbox(root, binds);
+    if (!task_entry || make_task_entry()) return;
+    for (char*& e : env) {
+      if (e != nullptr && strncmp(e, "ASAN_OPTIONS=", 13) == 0) e = asan_without_leaks.data();
+    }
+  }
+  void Reaped(pid_t pid) override {
+    if (task_entry) remove_task_entry(root, pid);
+  }
+};
 
 }  // namespace
 
@@ -176,9 +172,7 @@ Result Sandbox::run_program(const std::vector<std::string>& argv, const RunOptio
     make_dirs(host_path(path));
     plan.binds.push_back({path, host_path(path), read_only});
   };
-  bind("/usr", true);
-  bind("/etc", true);
-  bind("/dev", true);
+  for (const char* top : {"/usr", "/etc", "/dev"}) bind(top, true);
   // Merged-usr systems link /bin, /lib, ... into /usr; older ones have real folders.
   for (const char* top : {"/bin", "/sbin", "/lib", "/lib32", "/lib64", "/libx32"}) {
     struct stat st;
@@ -209,8 +203,7 @@ Result Sandbox::run_program(const std::vector<std::string>& argv, const RunOptio
     write_file(scenario_path, opts.scenario);
   }
   // Where the child cannot have its task entry, it runs without leak detection instead.
-  std::vector<std::string> env =
-      child_env(opts, scenario_path, !plan.task_entry);
+  std::vector<std::string> env = child_env(opts, scenario_path, !plan.task_entry);
   for (const std::string& e : env) {
     if (e.starts_with("ASAN_OPTIONS=")) plan.asan_without_leaks = e + ":detect_leaks=0";
   }

@@ -55,20 +55,13 @@ static int open_dev(int flags) {
   return fd;
 }
 
-// One ioctl that must fail with `want`.
-static void expect_ioctl_errno(int fd, unsigned long req, void *arg, int want, const char *what) {
-  errno = 0;
-  long r = ioctl(fd, req, arg);
-  if (r != -1 || errno != want)
-    fail("%s: ioctl 0x%lx gave %ld/%s, want %s", what, req, r, strerror(errno), strerror(want));
-}
-
-static void expect_write_errno(int fd, const void *buf, size_t n, int want, const char *what) {
-  errno = 0;
-  ssize_t r = write(fd, buf, n);
-  if (r != -1 || errno != want)
-    fail("%s: write of %zu gave %zd/%s, want %s", what, n, r, strerror(errno), strerror(want));
-}
+// One call that must fail with `want`.
+#define EXPECT_ERRNO(call, want, what)                                                       \
+  do {                                                                                       \
+    errno = 0;                                                                               \
+    long r_ = (long)(call);                                                                  \
+    if (r_ != -1 || errno != (want)) fail("%s: gave %ld/%s, want %s", what, r_, strerror(errno), strerror(want)); \
+  } while (0)
 
 // A page followed by an inaccessible one: an object placed at its end runs into the guard.
 static unsigned char *guarded_page(void) {
@@ -98,8 +91,8 @@ static int check_badinput(void) {
 
   long v = ioctl(fd, KESTREL_IOC_GET_VERSION, 0);
   if (v != ((KESTREL_VERSION_MAJOR << 16) | KESTREL_VERSION_MINOR)) fail("version 0x%lx", v);
-  expect_ioctl_errno(fd, 0xFB04, NULL, ENOTTY, "unknown request");
-  expect_ioctl_errno(fd, 0xFA04, NULL, ENOTTY, "unknown request");
+  EXPECT_ERRNO(ioctl(fd, 0xFB04, NULL), ENOTTY, "unknown request");
+  EXPECT_ERRNO(ioctl(fd, 0xFA04, NULL), ENOTTY, "unknown request");
 
   // Scenes: only 0 and 1 exist; reserved words must be zero.
   const struct {
@@ -107,8 +100,8 @@ static int check_badinput(void) {
     int want;
   } scenes[] = {{{0, 2, 0}, EINVAL}, {{0, UINT64_MAX, 0}, EINVAL}, {{1, 0, 0}, EINVAL}};
   for (size_t i = 0; i < sizeof scenes / sizeof scenes[0]; i++)
-    expect_ioctl_errno(fd, KESTREL_IOC_SET_SCENE, (void *)&scenes[i].s, scenes[i].want, "scene");
-  expect_ioctl_errno(fd, KESTREL_IOC_SET_SCENE, unmapped, EFAULT, "scene at unmapped address");
+    EXPECT_ERRNO(ioctl(fd, KESTREL_IOC_SET_SCENE, (void *)&scenes[i].s), scenes[i].want, "scene");
+  EXPECT_ERRNO(ioctl(fd, KESTREL_IOC_SET_SCENE, unmapped), EFAULT, "scene at unmapped address");
 
   // Statistics: count, flags, pid and addresses.
   size_t big = sizeof(struct kestrel_proc_size_msu) + KESTREL_MAX_COUNT * sizeof(struct kestrel_proc_ms);
@@ -124,21 +117,21 @@ static int check_badinput(void) {
       t->flags = tables[i].flags;
       t->count = tables[i].count;
       t->uid = 0;
-      expect_ioctl_errno(fd, req, t, tables[i].want, "table request");
+      EXPECT_ERRNO(ioctl(fd, req, t), tables[i].want, "table request");
     }
   }
   struct kestrel_proc_pid_ms one = {.flags = KESTREL_STAT_ALL, .pid = 0x3fffffff};
-  expect_ioctl_errno(fd, KESTREL_IOC_PID_MEMSTAT, &one, ESRCH, "unknown pid");
+  EXPECT_ERRNO(ioctl(fd, KESTREL_IOC_PID_MEMSTAT, &one), ESRCH, "unknown pid");
   one.flags = 0;
   one.pid = getpid();
-  expect_ioctl_errno(fd, KESTREL_IOC_PID_MEMSTAT, &one, EINVAL, "no flag");
-  expect_ioctl_errno(fd, KESTREL_IOC_PID_MEMSTAT, unmapped, EFAULT, "pid request at unmapped address");
-  expect_ioctl_errno(fd, KESTREL_IOC_SIZE_MEMSTATS, unmapped, EFAULT, "table at unmapped address");
+  EXPECT_ERRNO(ioctl(fd, KESTREL_IOC_PID_MEMSTAT, &one), EINVAL, "no flag");
+  EXPECT_ERRNO(ioctl(fd, KESTREL_IOC_PID_MEMSTAT, unmapped), EFAULT, "pid request at unmapped address");
+  EXPECT_ERRNO(ioctl(fd, KESTREL_IOC_SIZE_MEMSTATS, unmapped), EFAULT, "table at unmapped address");
   // Head readable, records running into the guard page.
   struct kestrel_proc_size_msu *edge = (void *)(guard + page - sizeof(*edge) - sizeof(struct kestrel_proc_ms));
   edge->flags = KESTREL_STAT_ALL;
   edge->count = 3;
-  expect_ioctl_errno(fd, KESTREL_IOC_SIZE_MEMSTATS, edge, EFAULT, "records into the guard page");
+  EXPECT_ERRNO(ioctl(fd, KESTREL_IOC_SIZE_MEMSTATS, edge), EFAULT, "records into the guard page");
 
   // The walk: every process in ascending pid order, never more than count records.
   memset(t, 0xa5, big + 4 * sizeof(struct kestrel_proc_ms));
@@ -178,11 +171,11 @@ static int check_badinput(void) {
   memcpy(payload + 1, "torture", 8);
   payload[KESTREL_LOG_MAX_PAYLOAD - 1] = 0;
   payload[KESTREL_LOG_MAX_PAYLOAD] = 0;
-  expect_write_errno(fd, payload, KESTREL_LOG_MAX_PAYLOAD + 1, EINVAL, "oversized");
-  expect_write_errno(fd, "\4t", 2, EINVAL, "too short");
-  expect_write_errno(fd, "\4torture-without-nul", 20, EINVAL, "unterminated tag");
-  expect_write_errno(fd, "\4tag\0", 5, EINVAL, "tag NUL as the last byte");
-  expect_write_errno(fd, unmapped, 10, EFAULT, "unmapped payload");
+  EXPECT_ERRNO(write(fd, payload, KESTREL_LOG_MAX_PAYLOAD + 1), EINVAL, "oversized");
+  EXPECT_ERRNO(write(fd, "\4t", 2), EINVAL, "too short");
+  EXPECT_ERRNO(write(fd, "\4torture-without-nul", 20), EINVAL, "unterminated tag");
+  EXPECT_ERRNO(write(fd, "\4tag\0", 5), EINVAL, "tag NUL as the last byte");
+  EXPECT_ERRNO(write(fd, unmapped, 10), EFAULT, "unmapped payload");
 
   drain(fd);
   if (write(fd, payload, KESTREL_LOG_MAX_PAYLOAD) != KESTREL_LOG_MAX_PAYLOAD) fail("largest write: %s", strerror(errno));
@@ -192,8 +185,7 @@ static int check_badinput(void) {
   // Reads: whole records only, too small a buffer is refused.
   static char rec[KESTREL_LOG_MAX_RECORD + 16];
   struct kestrel_log_entry *e = (void *)rec;
-  errno = 0;
-  if (read(fd, rec, KESTREL_LOG_MAX_RECORD - 1) != -1 || errno != EINVAL) fail("short read buffer not refused");
+  EXPECT_ERRNO(read(fd, rec, KESTREL_LOG_MAX_RECORD - 1), EINVAL, "short read buffer");
   ssize_t n = read(fd, rec, sizeof rec);
   if (n != KESTREL_LOG_MAX_RECORD || e->len != KESTREL_LOG_MAX_PAYLOAD) fail("largest record read as %zd", n);
   n = read(fd, rec, sizeof rec);
@@ -202,13 +194,12 @@ static int check_badinput(void) {
     fail("writev record read back wrong (%zd bytes)", n);
   int fl = fcntl(fd, F_GETFL);
   fcntl(fd, F_SETFL, fl | O_NONBLOCK);
-  errno = 0;
-  if (read(fd, rec, sizeof rec) != -1 || errno != EAGAIN) fail("empty non-blocking read: %s", strerror(errno));
+  EXPECT_ERRNO(read(fd, rec, sizeof rec), EAGAIN, "empty non-blocking read");
   struct pollfd pfd = {fd, POLLIN, 0};
   if (poll(&pfd, 1, 0) != 0) fail("poll readable with nothing to read");
   if (write(fd, "\4torture\0x\0", 11) != 11) fail("write: %s", strerror(errno));
   if (poll(&pfd, 1, 1000) != 1) fail("poll not readable after a write");
-  if (read(fd, unmapped, sizeof rec) != -1 || errno != EFAULT) fail("read into unmapped buffer: %s", strerror(errno));
+  EXPECT_ERRNO(read(fd, unmapped, sizeof rec), EFAULT, "read into unmapped buffer");
   if (read(fd, rec, sizeof rec) != 32 + 11) fail("record lost after a faulting read");
   close(fd);
   return report();
@@ -231,10 +222,8 @@ static int check_cmd(void) {
   }
   int status = 0;
   waitpid(child, &status, 0);
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
-    fail("after dropping root: %s", WIFEXITED(status) && WEXITSTATUS(status) == 3 ? "cmd write not refused with EPERM"
-                                    : WIFEXITED(status) && WEXITSTATUS(status) == 4 ? "plain write refused"
-                                                                                     : "child failed");
+  static const char *why[] = {"child failed", "child failed", "child failed", "cmd write not refused with EPERM", "plain write refused"};
+  if (status != 0) fail("after dropping root: %s", why[WIFEXITED(status) && WEXITSTATUS(status) <= 4 ? WEXITSTATUS(status) : 2]);
   close(fd);
   return report();
 }
@@ -441,11 +430,13 @@ static int check_held(void) {
 
 int main(int argc, char **argv) {
   setvbuf(stdout, NULL, _IOLBF, 0);
-  if (argc >= 2 && !strcmp(argv[1], "badinput")) return check_badinput();
-  if (argc >= 2 && !strcmp(argv[1], "cmd")) return check_cmd();
-  if (argc >= 3 && !strcmp(argv[1], "race")) return check_race(atoi(argv[2]));
-  if (argc >= 3 && !strcmp(argv[1], "walk")) return check_walk(atoi(argv[2]));
-  if (argc >= 2 && !strcmp(argv[1], "held")) return check_held();
+  const char *what = argc >= 2 ? argv[1] : "";
+  int seconds = argc >= 3 ? atoi(argv[2]) : 0;
+  if (!strcmp(what, "badinput")) return check_badinput();
+  if (!strcmp(what, "cmd")) return check_cmd();
+  if (!strcmp(what, "race") && seconds > 0) return check_race(seconds);
+  if (!strcmp(what, "walk") && seconds > 0) return check_walk(seconds);
+  if (!strcmp(what, "held")) return check_held();
   fprintf(stderr, "usage: driver_torture badinput|cmd|race SECONDS|walk SECONDS|held\n");
   return 2;
 }
