@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The figures of a driver's proc_ms record, listed once: the mask bit that asks for each, its
-// name in scenario files, its meminfo column, and where it lies in the record. The meminfo
-// table is built from this list and the driver simulator parses and masks with it.
+// name in scenario files, the /proc/<pid>/status line showing the same figure, its meminfo
+// column, and where it lies in the record. The meminfo table is built from this list and the
+// driver simulator parses, masks and reads the host's processes with it.
 #pragma once
 
 #include <stddef.h>
@@ -22,6 +23,7 @@ struct ProcMsField {
   };
   uint32_t bit;
   const char* name;   // the key of a scenario's proc line
+  const char* status; // the /proc/<pid>/status key of the same figure (kB for pages), or null
   const char* title;  // the meminfo column title, right-aligned in `width`
   int width;
   Kind kind;
@@ -29,30 +31,30 @@ struct ProcMsField {
   size_t size;
 };
 
-#define KESTREL_PROC_MS_FIELD(bit, name, title, width, kind, member) \
-  ProcMsField { bit, name, title, width, ProcMsField::kind, offsetof(proc_ms, member), \
+#define KESTREL_PROC_MS_FIELD(bit, name, status, title, width, kind, member) \
+  ProcMsField { bit, name, status, title, width, ProcMsField::kind, offsetof(proc_ms, member), \
                 sizeof(proc_ms::member) }
 
 // In the order of the meminfo columns, which is not the order of the bits. comm, the one text
 // field, is not listed: it is always the last column.
 inline constexpr ProcMsField kProcMsFields[] = {
-    KESTREL_PROC_MS_FIELD(kStat32, "compat32", "32", 2, kFlag, compat32),
-    KESTREL_PROC_MS_FIELD(kStatUid, "uid", "uid", 5, kNumber, uid),
-    KESTREL_PROC_MS_FIELD(kStatPid, "pid", "pid", 5, kNumber, pid),
-    KESTREL_PROC_MS_FIELD(kStatPpid, "ppid", "ppid", 5, kNumber, ppid),
-    KESTREL_PROC_MS_FIELD(kStatOom, "oom", "oom", 5, kNumber, oom_score_adj),
-    KESTREL_PROC_MS_FIELD(kStatFds, "fds", "fds", 5, kNumber, fds),
-    KESTREL_PROC_MS_FIELD(kStatVss, "vss", "vss", 9, kPages, vss),
-    KESTREL_PROC_MS_FIELD(kStatAnon, "anon", "anon", 7, kPages, anon),
-    KESTREL_PROC_MS_FIELD(kStatFile, "file", "file", 7, kPages, file),
-    KESTREL_PROC_MS_FIELD(kStatShmem, "shmem", "shmem", 7, kPages, shmem),
-    KESTREL_PROC_MS_FIELD(kStatSwap, "swap", "swap", 7, kPages, swap),
-    KESTREL_PROC_MS_FIELD(kStatPss, "pss", "pss", 7, kPages, pss),
-    KESTREL_PROC_MS_FIELD(kStatJavaHeap, "java_heap", "JHeap", 7, kPages, java_heap),
-    KESTREL_PROC_MS_FIELD(kStatNativeHeap, "native_heap", "NHeap", 7, kPages, native_heap),
-    KESTREL_PROC_MS_FIELD(kStatDmabuf, "dmabuf", "dma-buf", 7, kPages, dmabuf),
-    KESTREL_PROC_MS_FIELD(kStatAshmem, "ashmem", "ashmem", 7, kPages, ashmem),
-    KESTREL_PROC_MS_FIELD(kStatGpu, "gpu", "gpu", 7, kPages, gpu),
+    KESTREL_PROC_MS_FIELD(kStat32, "compat32", nullptr, "32", 2, kFlag, compat32),
+    KESTREL_PROC_MS_FIELD(kStatUid, "uid", "Uid:", "uid", 5, kNumber, uid),
+    KESTREL_PROC_MS_FIELD(kStatPid, "pid", nullptr, "pid", 5, kNumber, pid),
+    KESTREL_PROC_MS_FIELD(kStatPpid, "ppid", "PPid:", "ppid", 5, kNumber, ppid),
+    KESTREL_PROC_MS_FIELD(kStatOom, "oom", nullptr, "oom", 5, kNumber, oom_score_adj),
+    KESTREL_PROC_MS_FIELD(kStatFds, "fds", nullptr, "fds", 5, kNumber, fds),
+    KESTREL_PROC_MS_FIELD(kStatVss, "vss", "VmSize:", "vss", 9, kPages, vss),
+    KESTREL_PROC_MS_FIELD(kStatAnon, "anon", "RssAnon:", "anon", 7, kPages, anon),
+    KESTREL_PROC_MS_FIELD(kStatFile, "file", "RssFile:", "file", 7, kPages, file),
+    KESTREL_PROC_MS_FIELD(kStatShmem, "shmem", "RssShmem:", "shmem", 7, kPages, shmem),
+    KESTREL_PROC_MS_FIELD(kStatSwap, "swap", "VmSwap:", "swap", 7, kPages, swap),
+    KESTREL_PROC_MS_FIELD(kStatPss, "pss", nullptr, "pss", 7, kPages, pss),
+    KESTREL_PROC_MS_FIELD(kStatJavaHeap, "java_heap", nullptr, "JHeap", 7, kPages, java_heap),
+    KESTREL_PROC_MS_FIELD(kStatNativeHeap, "native_heap", nullptr, "NHeap", 7, kPages, native_heap),
+    KESTREL_PROC_MS_FIELD(kStatDmabuf, "dmabuf", nullptr, "dma-buf", 7, kPages, dmabuf),
+    KESTREL_PROC_MS_FIELD(kStatAshmem, "ashmem", nullptr, "ashmem", 7, kPages, ashmem),
+    KESTREL_PROC_MS_FIELD(kStatGpu, "gpu", nullptr, "gpu", 7, kPages, gpu),
 };
 
 #undef KESTREL_PROC_MS_FIELD

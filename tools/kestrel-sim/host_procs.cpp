@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "libs/kestrel/proc-ms-fields.h"
 #include "tools/kestrel-sim/scenario.h"
 
 namespace kestrel_sim {
@@ -75,14 +76,12 @@ bool read_proc(int proc_fd, int pid, uint32_t need, const uint32_t* uid, proc_ms
   ms->pid = pid;
   // status holds most figures and tells whether the process still exists.
   if (read_at(proc_fd, pid, "status", buf, sizeof(buf)) < 0) return false;
-  ms->uid = static_cast<int32_t>(status_value(buf, "Uid:"));
+  for (const ProcMsField& f : kProcMsFields) {
+    if (f.status == nullptr) continue;
+    const long long value = status_value(buf, f.status);
+    proc_ms_set(ms, f, f.kind == ProcMsField::kPages ? value / 4 : value);
+  }
   if (uid != nullptr && static_cast<uint32_t>(ms->uid) != *uid) return false;
-  ms->ppid = static_cast<int32_t>(status_value(buf, "PPid:"));
-  ms->vss = static_cast<uint32_t>(status_value(buf, "VmSize:") / 4);
-  ms->anon = static_cast<uint32_t>(status_value(buf, "RssAnon:") / 4);
-  ms->file = static_cast<uint32_t>(status_value(buf, "RssFile:") / 4);
-  ms->shmem = static_cast<uint32_t>(status_value(buf, "RssShmem:") / 4);
-  ms->swap = static_cast<uint32_t>(status_value(buf, "VmSwap:") / 4);
   if (strncmp(buf, "Name:\t", 6) == 0) copy_comm(ms, buf + 6, strcspn(buf + 6, "\n"));
   if (need & kStatComm) {
     ssize_t n = read_at(proc_fd, pid, "comm", buf, sizeof(buf));
