@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The sandbox of the end-to-end tests: a private mount namespace and a chroot laid out with
-// fixture files, for commands that read and write fixed absolute paths.
+// The sandbox of the end-to-end tests (made and entered in process.cpp): a private mount
+// namespace and a chroot laid out with fixture files, for commands that read and write fixed
+// absolute paths.
 #pragma once
 
 #include <sys/types.h>
