@@ -100,41 +100,43 @@ Result run_daemon(Sandbox& box, const std::function<void()>& plant) {
 }
 
 // The daemon's folders are world-writable: a link planted there must not take its 0777 folders
-// and 0666 files into a folder of root's. Each planted link is refused with the start-up's own
-// failure text, and nothing appears where it points. Its folders are made by one function, its
-// logs opened by another: one of each is planted.
-TEST(Hostile, LinksPlantedInTheDaemonsTreeAreRefused) {
+// and 0666 files into a folder of root's, and a FIFO without a reader must not hang its start.
+// Each is refused with the start-up's own failure text, and nothing appears where a link points.
+// Its folders are made by one function, its logs opened by another: one of each is planted.
+TEST(Hostile, LinksAndFifosPlantedInTheDaemonsTreeAreRefused) {
   KESTREL_REQUIRE_SANDBOX();
+  const std::string folder = "fatal: aging: create folder failed, reason: ";
+  const std::string file = "fatal: aging: create file failed, reason: ";
   const struct {
-    std::string link;
+    std::string path;
+    bool fifo;
     std::string err;
   } cases[] = {
-      {kDaemon, "fatal: aging: create folder failed, reason: Not a directory\n"},
-      {kDaemon + "/memleak", "fatal: aging: create folder failed, reason: Not a directory\n"},
-      {kDaemon + "/log.txt", "fatal: aging: create file failed, reason: Too many levels of symbolic links\n"},
+      {kDaemon, false, folder + "Not a directory\n"},
+      {kDaemon + "/memleak", false, folder + "Not a directory\n"},
+      {kDaemon + "/log.txt", false, file + "Too many levels of symbolic links\n"},
+      {kDaemon + "/log.txt", true, file + "No such device or address\n"},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.link);
+    SCOPED_TRACE(c.path + (c.fifo ? " (FIFO)" : ""));
     Sandbox box;
     expect_result({"", {}, "", "", c.err, 129}, run_daemon(box, [&] {
-                    if (c.link == kDaemon) rmdir(box.host_path(kDaemon).c_str());
-                    box.make_symlink("/root-only", c.link);
+                    if (c.path == kDaemon) rmdir(box.host_path(kDaemon).c_str());
+                    if (c.fifo) {
+                      ASSERT_EQ(mkfifo(box.host_path(c.path).c_str(), 0666), 0);
+                    } else {
+                      box.make_symlink("/root-only", c.path);
+                    }
                   }));
     EXPECT_TRUE(std::filesystem::is_empty(box.host_path("/root-only")));
   }
 }
 
-// A FIFO with no reader blocks the open of its writer, and one with no writer blocks every read:
-// where the tool expects a file it opens without waiting and refuses what is not a regular one.
-// (The ELF and configuration readers meet theirs in descriptors_test.cpp.)
+// A FIFO with no writer blocks every read, and one with no reader the open of its writer: where
+// the tool expects a file it opens without waiting and refuses what is not a regular one. (The
+// daemon's logs meet theirs above, the ELF and configuration readers in descriptors_test.cpp.)
 TEST(Hostile, FifosInPlaceOfFilesAreRefusedWithoutWaiting) {
   KESTREL_REQUIRE_SANDBOX();
-  {
-    SCOPED_TRACE("log");
-    Sandbox box;
-    expect_result({"", {}, "", "", "fatal: aging: create file failed, reason: No such device or address\n", 129},
-                  run_daemon(box, [&] { ASSERT_EQ(mkfifo(box.host_path(kDaemon + "/log.txt").c_str(), 0666), 0); }));
-  }
   {
     // Report names carry the time: FIFOs for the next minute's.
     SCOPED_TRACE("reports");

@@ -139,37 +139,30 @@ struct Bind {
 
 // LeakSanitizer, at the exit of a sanitized program, stops its threads and finds them in
 // /proc/<pid>/task by number, not through /proc/self. So a fixture /proc gets the child's own
-// entry holding just that folder of the real procfs; walks of /proc that leave the program
-// itself out never see it. Runs in the child, inside the sandbox. False when the fixture already
-// has an entry of that number.
-bool make_task_entry() {
-  char dir[32], target[48], link[48];
-  const int pid = getpid();
-  snprintf(dir, sizeof(dir), "/proc/%d", pid);
-  snprintf(target, sizeof(target), "/.realproc/%d/task", pid);
-  snprintf(link, sizeof(link), "/proc/%d/task", pid);
-  if (mkdir(dir, 0755) < 0) return false;
-  if (symlink(target, link) == 0) return true;
-  rmdir(dir);
-  return false;
+// entry, a link to the real one; walks of /proc leave the program itself out. Runs in the child,
+// inside the sandbox. False when the fixture already has an entry of that number.
+bool make_own_entry() {
+  char entry[32], target[48];
+  snprintf(entry, sizeof(entry), "/proc/%d", getpid());
+  snprintf(target, sizeof(target), "/.realproc/%d", getpid());
+  return symlink(target, entry) == 0;
 }
 
-// Removes what make_task_entry made for `pid` under the sandbox root, and nothing a fixture put
-// there.
-void remove_task_entry(const std::string& root, pid_t pid) {
-  const std::string dir = root + "/proc/" + std::to_string(pid);
-  const std::string target = "/.realproc/" + std::to_string(pid) + "/task";
+// Removes the link make_own_entry made for `pid` under the sandbox root, and nothing a fixture
+// put there.
+void remove_own_entry(const std::string& root, pid_t pid) {
+  const std::string entry = root + "/proc/" + std::to_string(pid);
   char got[64] = {};
-  if (readlink((dir + "/task").c_str(), got, sizeof(got) - 1) < 0 || target != got) return;
-  unlink((dir + "/task").c_str());
-  rmdir(dir.c_str());
+  if (readlink(entry.c_str(), got, sizeof(got) - 1) > 0 && "/.realproc/" + std::to_string(pid) == got) {
+    unlink(entry.c_str());
+  }
 }
 
 // What a sandboxed child does between fork and exec (only system calls there).
 struct SandboxPlan {
   std::string root;
   std::vector<Bind> binds;
-  bool task_entry = false;  // the child gets /proc/<pid>/task of the real procfs
+  bool own_entry = false;  // the child gets its entry of the real procfs
   std::string asan_without_leaks;
 
   void enter(std::vector<char*>& env) {
@@ -193,8 +186,8 @@ struct SandboxPlan {
     }
     if (chroot(root.c_str()) < 0) child_fail("chroot");
     if (chdir("/") < 0) child_fail("chdir");
-    // Where the child cannot have its task entry, it runs without leak detection instead.
-    if (!task_entry || make_task_entry()) return;
+    // Where the child cannot have its own entry, it runs without leak detection instead.
+    if (!own_entry || make_own_entry()) return;
     for (char*& e : env) {
       if (e != nullptr && strncmp(e, "ASAN_OPTIONS=", 13) == 0) e = asan_without_leaks.data();
     }
@@ -323,7 +316,7 @@ Result launch(std::vector<std::string> argv, std::vector<std::string> env, const
   int status = 0;
   TEMP_FAILURE_RETRY(waitpid(pid, &status, 0));
   result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  if (sandbox != nullptr && sandbox->task_entry) remove_task_entry(sandbox->root, pid);
+  if (sandbox != nullptr && sandbox->own_entry) remove_own_entry(sandbox->root, pid);
   return result;
 }
 
@@ -379,11 +372,9 @@ bool Sandbox::Supported(std::string* why) {
     }
     int status = 0;
     if (pid < 0 || waitpid(pid, &status, 0) < 0) return "sandbox: fork failed";
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-      return std::string("sandbox: private mount namespace unavailable: ") +
-             strerror(WIFEXITED(status) ? WEXITSTATUS(status) : EPERM);
-    }
-    return std::nullopt;
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 0) return std::nullopt;
+    return std::string("sandbox: private mount namespace unavailable: ") +
+           strerror(WIFEXITED(status) ? WEXITSTATUS(status) : EPERM);
   }();
   if (reason && why != nullptr) *why = *reason;
   return !reason;
@@ -436,7 +427,7 @@ Result Sandbox::run_program(const std::vector<std::string>& argv, const RunOptio
   if (build.compare(0, source.size() + 1, source + "/") != 0) bind(build, build, true);
   // Other programs may lay out their own entry in /proc; a kestrel they start is not checked
   // for leaks.
-  plan.task_entry = !argv.empty() && argv[0] == kestrel_binary();
+  plan.own_entry = !argv.empty() && argv[0] == kestrel_binary();
   bind("/proc", "/.realproc", false);
   for (const char* link : {"self", "thread-self"}) {
     struct stat st;
@@ -448,7 +439,7 @@ Result Sandbox::run_program(const std::vector<std::string>& argv, const RunOptio
     scenario_path = "/tmp/.kestrel-sim-scenario";
     write_file(scenario_path, opts.scenario);
   }
-  std::vector<std::string> env = child_env(opts, scenario_path, !plan.task_entry);
+  std::vector<std::string> env = child_env(opts, scenario_path, !plan.own_entry);
   for (const std::string& e : env) {
     if (e.starts_with("ASAN_OPTIONS=")) plan.asan_without_leaks = e + ":detect_leaks=0";
   }
