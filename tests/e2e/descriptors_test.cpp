@@ -51,8 +51,9 @@ void run_endings(const std::vector<Ending>& endings, Sandbox* box = nullptr) {
     SCOPED_TRACE(testing::PrintToString(e.args) + " / " + e.scenario.substr(0, 40));
     TempDir dir;
     const std::string report = box ? box->host_path("/tmp/fds") : dir.file("fds");
-    RunOptions opts{.scenario = e.scenario, .preload = {fd_report_library()},
-                    .env = {"KESTREL_FD_REPORT=" + (box ? "/tmp/fds" : report)}};
+    RunOptions opts{.scenario = e.scenario,
+                    .env = {"LD_PRELOAD=" + simulator_library() + ":" + fd_report_library(),
+                            "KESTREL_FD_REPORT=" + (box ? "/tmp/fds" : report)}};
     Result r = box ? box->run(e.args, opts) : run_kestrel(e.args, opts);
     EXPECT_FALSE(r.timed_out);
     if (e.status != kAnyStatus) { EXPECT_EQ(r.status, e.status); }

@@ -31,17 +31,10 @@
 namespace kestrel_test {
 namespace {
 
-struct ReportState {
-  std::string path;  // empty: no report asked for
-  pid_t pid = 0;
-  bool written = false;
-};
-
-// Never destroyed: the report is written while the process exits.
-ReportState& state() {
-  static ReportState* s = new ReportState;
-  return *s;
-}
+// Where the report goes (null: no report asked for), and by which process. Never destroyed: the
+// report is written while the process exits.
+const std::string* g_path = nullptr;
+pid_t g_pid = 0;
 
 // The descriptors above the standard streams open now, the listing's own left out, in order.
 std::vector<int> open_fds() {
@@ -68,15 +61,15 @@ std::string describe(int fd) {
 }
 
 void write_report() {
-  ReportState& s = state();
-  if (s.path.empty() || s.written || getpid() != s.pid) return;
-  s.written = true;
+  if (g_path == nullptr || getpid() != g_pid) return;
+  const std::string& path = *g_path;
+  g_pid = 0;  // written once
   const int saved_errno = errno;
   std::string text;
   for (int fd : open_fds()) text += std::to_string(fd) + " " + describe(fd) + "\n";
-  int out = open(s.path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  int out = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (out < 0 || write(out, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
-    std::string line = "fd report: cannot write " + s.path + ": " + strerror(errno) + "\n";
+    std::string line = "fd report: cannot write " + path + ": " + strerror(errno) + "\n";
     (void)!write(2, line.data(), line.size());
   }
   if (out >= 0) close(out);
@@ -86,8 +79,8 @@ void write_report() {
 __attribute__((constructor)) void take_path() {
   const char* path = getenv("KESTREL_FD_REPORT");
   if (path == nullptr || *path == '\0') return;
-  state().path = path;
-  state().pid = getpid();
+  g_path = new std::string(path);
+  g_pid = getpid();
   unsetenv("KESTREL_FD_REPORT");
 }
 

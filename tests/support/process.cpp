@@ -114,11 +114,7 @@ std::vector<std::string> child_env(const RunOptions& opts, const std::string& sc
   asan += std::string(asan.empty() ? "" : ":") + "verify_asan_link_order=0";
   if (leaks_off) asan += ":detect_leaks=0";
   env.push_back("ASAN_OPTIONS=" + asan);
-  if (opts.simulator || !opts.preload.empty()) {
-    std::string preload = opts.simulator ? simulator_library() : "";
-    for (const std::string& lib : opts.preload) preload += (preload.empty() ? "" : ":") + lib;
-    env.push_back("LD_PRELOAD=" + preload);
-  }
+  if (opts.simulator) env.push_back("LD_PRELOAD=" + simulator_library());
   if (opts.simulator && !scenario_path.empty()) env.push_back("KESTREL_SIM_SCENARIO=" + scenario_path);
   for (const std::string& extra : opts.env) {
     std::string prefix = extra.substr(0, extra.find('=') + 1);

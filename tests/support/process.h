@@ -24,8 +24,7 @@ struct RunOptions {
   // loaded unless `simulator` is false.
   std::string scenario;
   bool simulator = true;
-  std::vector<std::string> preload;  // further libraries preloaded after the simulator
-  std::vector<std::string> env;      // extra "NAME=value" entries; TZ=UTC is always set
+  std::vector<std::string> env;      // extra "NAME=value" entries, LD_PRELOAD too; TZ=UTC is set
   int timeout_ms = 20000;            // the child is killed after this long (timed_out set)
   bool pty = false;                  // standard output on a pseudo-terminal of pty_cols columns
   unsigned pty_cols = 80;
