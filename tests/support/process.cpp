@@ -126,11 +126,11 @@ std::vector<std::string> child_env(const RunOptions& opts, const std::string& sc
 
 // --- the sandbox, as the child enters it ---------------------------------------------------------
 
-// One bind mount of the sandbox: `source` appears at `target` (a host path).
+// One bind mount of the sandbox: `source` appears read-only at `target` (a host path). Nothing
+// the tests run writes to the host's folders, nor to the real procfs bound among them.
 struct Bind {
   std::string source;
   std::string target;
-  bool read_only;
 };
 
 // LeakSanitizer, at the exit of a sanitized program, stops its threads and finds them in
@@ -168,7 +168,6 @@ struct SandboxPlan {
       if (mount(b.source.c_str(), b.target.c_str(), nullptr, MS_BIND | MS_REC, nullptr) < 0) {
         child_fail(b.source.c_str());
       }
-      if (!b.read_only) continue;
       // A read-only remount must keep the flags the original mount is locked with.
       struct statvfs st;
       unsigned long keep = 0;
@@ -402,11 +401,11 @@ Result Sandbox::run(const std::vector<std::string>& args, const RunOptions& opts
 Result Sandbox::run_program(const std::vector<std::string>& argv, const RunOptions& opts) {
   SandboxPlan plan;
   plan.root = root_;
-  auto bind = [&](const std::string& source, const std::string& inside, bool read_only) {
+  auto bind = [&](const std::string& source, const std::string& inside) {
     make_dirs(host_path(inside));
-    plan.binds.push_back({source, host_path(inside), read_only});
+    plan.binds.push_back({source, host_path(inside)});
   };
-  for (const char* top : {"/usr", "/etc", "/dev"}) bind(top, top, true);
+  for (const char* top : {"/usr", "/etc", "/dev"}) bind(top, top);
   // Merged-usr systems link /bin, /lib, ... into /usr; older ones have real folders.
   for (const char* top : {"/bin", "/sbin", "/lib", "/lib32", "/lib64", "/libx32"}) {
     struct stat st;
@@ -415,16 +414,16 @@ Result Sandbox::run_program(const std::vector<std::string>& argv, const RunOptio
       char target[PATH_MAX] = {};
       if (readlink(top, target, sizeof(target) - 1) > 0) make_symlink(target, top);
     } else if (S_ISDIR(st.st_mode)) {
-      bind(top, top, true);
+      bind(top, top);
     }
   }
-  bind(KESTREL_SOURCE_DIR, KESTREL_SOURCE_DIR, true);
+  bind(KESTREL_SOURCE_DIR, KESTREL_SOURCE_DIR);
   std::string build = KESTREL_BUILD_DIR, source = KESTREL_SOURCE_DIR;
-  if (build.compare(0, source.size() + 1, source + "/") != 0) bind(build, build, true);
+  if (build.compare(0, source.size() + 1, source + "/") != 0) bind(build, build);
   // Other programs may lay out their own entry in /proc; a kestrel they start is not checked
   // for leaks.
   plan.own_entry = !argv.empty() && argv[0] == kestrel_binary();
-  bind("/proc", "/.realproc", false);
+  bind("/proc", "/.realproc");
   for (const char* link : {"self", "thread-self"}) {
     struct stat st;
     std::string inside = std::string("/proc/") + link;
