@@ -33,7 +33,7 @@ constexpr char kHeld[] = "at-end hold\n";
 constexpr int kAnyStatus = -1;
 
 // One ending of a command. Its standard error is compared only where no test of the command
-// proves it (nullptr: not compared).
+// proves it (unset: not compared).
 struct Ending {
   std::vector<std::string> args;
   std::string scenario;  // driver simulator scenario; empty: host mode
