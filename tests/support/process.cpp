@@ -226,8 +226,6 @@ void open_streams(const RunOptions& opts, Streams* s) {
   tcgetattr(s->out[1], &t);
   t.c_oflag &= ~(OPOST | ONLCR);
   tcsetattr(s->out[1], TCSANOW, &t);
-  fcntl(s->out[0], F_SETFD, FD_CLOEXEC);
-  fcntl(s->out[1], F_SETFD, FD_CLOEXEC);
 }
 
 [[noreturn]] void exec_child(const RunOptions& opts, const Streams& s, std::vector<char*>& argv,
