@@ -14,8 +14,8 @@ namespace {
 
 // Constant-initialized, so messages logged while other files are still being initialized are
 // kept too.
-std::mutex g_mutex;
-std::vector<LogLine> g_lines;
+constinit std::mutex g_mutex;
+constinit std::vector<LogLine> g_lines;
 
 }  // namespace
 
