@@ -36,7 +36,7 @@ class Sandbox {
 
   // Runs `kestrel args...` inside. A scenario is written to /tmp inside the root, so trace
   // paths in it name files inside the sandbox too (read them back with read_file). A kestrel
-  // run directly keeps leak detection: its own /proc/<pid>/task reaches the real procfs.
+  // run directly keeps leak detection: its own /proc/<pid> is a link to the real one.
   Result run(const std::vector<std::string>& args, const RunOptions& opts = {});
   // Runs any program inside (argv[0] is its path inside the sandbox).
   Result run_program(const std::vector<std::string>& argv, const RunOptions& opts = {});
