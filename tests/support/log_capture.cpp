@@ -12,22 +12,21 @@
 namespace kestrel_test {
 namespace {
 
-std::mutex g_mutex;
-std::vector<LogLine>& lines() {
-  static std::vector<LogLine> v;
-  return v;
-}
+// Constant-initialized, so messages logged while other files are still being initialized are
+// kept too.
+constinit std::mutex g_mutex;
+constinit std::vector<LogLine> g_lines;
 
 }  // namespace
 
 std::vector<LogLine> logged() {
   std::lock_guard<std::mutex> lock(g_mutex);
-  return lines();
+  return g_lines;
 }
 
 void clear_log() {
   std::lock_guard<std::mutex> lock(g_mutex);
-  lines().clear();
+  g_lines.clear();
 }
 
 }  // namespace kestrel_test
@@ -39,6 +38,6 @@ extern "C" int __android_log_print(int prio, const char* tag, const char* fmt, .
   vsnprintf(msg, sizeof(msg), fmt, ap);
   va_end(ap);
   std::lock_guard<std::mutex> lock(kestrel_test::g_mutex);
-  kestrel_test::lines().push_back({prio, tag ? tag : "", msg});
+  kestrel_test::g_lines.push_back({prio, tag ? tag : "", msg});
   return 1;
 }

@@ -1,19 +1,23 @@
 // SPDX-License-Identifier: Apache-2.0
 // The end-to-end process runner: fork and exec of the program under test, its output collected
-// through pipes (or a pseudo-terminal) until it ends or its time runs out.
+// through pipes (or a pseudo-terminal) until it ends or its time runs out. A sandboxed child
+// enters, between fork and exec, a private mount namespace and a chroot of fixture files.
 #include "tests/support/process.h"
 
 #include <errno.h>
 #include <fcntl.h>
-#include <ftw.h>
+#include <limits.h>
 #include <poll.h>
 #include <pty.h>
+#include <sched.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <termios.h>
@@ -21,6 +25,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <sstream>
+
+#include "tests/support/sandbox.h"
 
 extern char** environ;
 
@@ -32,56 +42,62 @@ std::string simulator_wrapper() { return KESTREL_SIM_WRAPPER; }
 std::string fd_report_library() { return KESTREL_FD_REPORT_LIBRARY; }
 std::string fixtures_dir() { return KESTREL_FIXTURES; }
 
-bool make_dirs(const std::string& path, mode_t mode) {
-  for (size_t slash = 1; slash != std::string::npos; slash = path.find('/', slash + 1)) {
-    std::string part = path.substr(0, slash);
-    if (mkdir(part.c_str(), mode) < 0 && errno != EEXIST) return false;
-  }
-  return mkdir(path.c_str(), mode) == 0 || errno == EEXIST;
+std::string read_text(const std::string& path) {
+  std::ostringstream text;
+  text << std::ifstream(path).rdbuf();
+  return text.str();
+}
+
+namespace {
+
+// The harness itself could not do its part (a full /tmp, no pipes left): no test result means
+// anything after that.
+[[noreturn]] void harness_fail(const std::string& what) {
+  fprintf(stderr, "harness: %s: %s\n", what.c_str(), strerror(errno));
+  abort();
+}
+
+// Reports a failed call of the child on its standard error and ends it with status 127.
+[[noreturn]] void child_fail(const char* what) {
+  char line[256];
+  int n = snprintf(line, sizeof(line), "harness: %s: %s\n", what, strerror(errno));
+  (void)!write(2, line, static_cast<size_t>(n));
+  _exit(127);
+}
+
+void make_dirs(const std::string& path) {
+  std::error_code error;
+  if (!std::filesystem::create_directories(path, error) && error) harness_fail(path);
 }
 
 std::string parent_of(const std::string& path) { return path.substr(0, path.rfind('/')); }
 
-bool write_text(const std::string& path, const std::string& content, mode_t mode) {
+// Writes `content` to `path`, making its folders first.
+void write_text(const std::string& path, const std::string& content, mode_t mode) {
+  make_dirs(parent_of(path));
   int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
-  if (fd < 0) return false;
-  bool ok = write(fd, content.data(), content.size()) == static_cast<ssize_t>(content.size());
+  if (fd < 0 || write(fd, content.data(), content.size()) != static_cast<ssize_t>(content.size()) ||
+      fchmod(fd, mode) != 0) {
+    harness_fail(path);
+  }
   close(fd);
-  return ok && chmod(path.c_str(), mode) == 0;
 }
 
-std::string read_text(const std::string& path) {
-  std::string text;
-  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return text;
-  char buf[8192];
-  ssize_t n;
-  while ((n = read(fd, buf, sizeof(buf))) > 0) text.append(buf, static_cast<size_t>(n));
-  close(fd);
-  return text;
-}
-
+// The sandbox's mounts live in its children's namespaces only: here its root is plain folders,
+// and links in it are removed, never followed.
 void remove_tree(const std::string& path) {
-  if (path.empty()) return;
-  // Physical walk that stays on this file system: never follows a link out of the tree.
-  nftw(path.c_str(),
-       [](const char* p, const struct stat*, int, FTW*) {
-         remove(p);
-         return 0;
-       },
-       16,
-       FTW_DEPTH | FTW_PHYS | FTW_MOUNT);
+  std::error_code ignored;
+  std::filesystem::remove_all(path, ignored);
 }
 
 std::string make_temp_dir(const char* prefix) {
   std::string templ = std::string("/tmp/") + prefix + "-XXXXXX";
-  if (mkdtemp(templ.data()) == nullptr) {
-    fprintf(stderr, "harness: mkdtemp: %s\n", strerror(errno));
-    abort();
-  }
+  if (mkdtemp(templ.data()) == nullptr) harness_fail(templ);
   return templ;
 }
 
+// The child's environment: ours without what would change the output or the simulator, then
+// TZ=UTC, the simulator with the scenario at `scenario_path` and the caller's entries.
 std::vector<std::string> child_env(const RunOptions& opts, const std::string& scenario_path,
                                    bool leaks_off) {
   static const char* const kDropped[] = {"LD_PRELOAD", "KESTREL_SIM_SCENARIO", "TZ", "COLUMNS",
@@ -98,11 +114,7 @@ std::vector<std::string> child_env(const RunOptions& opts, const std::string& sc
   asan += std::string(asan.empty() ? "" : ":") + "verify_asan_link_order=0";
   if (leaks_off) asan += ":detect_leaks=0";
   env.push_back("ASAN_OPTIONS=" + asan);
-  if (opts.simulator || !opts.preload.empty()) {
-    std::string preload = opts.simulator ? simulator_library() : "";
-    for (const std::string& lib : opts.preload) preload += (preload.empty() ? "" : ":") + lib;
-    env.push_back("LD_PRELOAD=" + preload);
-  }
+  if (opts.simulator) env.push_back("LD_PRELOAD=" + simulator_library());
   if (opts.simulator && !scenario_path.empty()) env.push_back("KESTREL_SIM_SCENARIO=" + scenario_path);
   for (const std::string& extra : opts.env) {
     std::string prefix = extra.substr(0, extra.find('=') + 1);
@@ -112,14 +124,72 @@ std::vector<std::string> child_env(const RunOptions& opts, const std::string& sc
   return env;
 }
 
-[[noreturn]] void child_fail(const char* what) {
-  char line[256];
-  int n = snprintf(line, sizeof(line), "harness: %s: %s\n", what, strerror(errno));
-  (void)!write(2, line, static_cast<size_t>(n));
-  _exit(127);
+// --- the sandbox, as the child enters it ---------------------------------------------------------
+
+// One bind mount of the sandbox: `source` appears read-only at `target` (a host path). Nothing
+// the tests run writes to the host's folders, nor to the real procfs bound among them.
+struct Bind {
+  std::string source;
+  std::string target;
+};
+
+// LeakSanitizer, at the exit of a sanitized program, stops its threads and finds them in
+// /proc/<pid>/task by number, not through /proc/self. So a fixture /proc gets the child's own
+// entry, a link to the real one; walks of /proc leave the program itself out. Runs in the child,
+// inside the sandbox. False when the fixture already has an entry of that number.
+bool make_own_entry() {
+  char entry[32], target[48];
+  snprintf(entry, sizeof(entry), "/proc/%d", getpid());
+  snprintf(target, sizeof(target), "/.realproc/%d", getpid());
+  return symlink(target, entry) == 0;
 }
 
-namespace {
+// Removes the link make_own_entry made for `pid` under the sandbox root, and nothing a fixture
+// put there.
+void remove_own_entry(const std::string& root, pid_t pid) {
+  const std::string entry = root + "/proc/" + std::to_string(pid);
+  char got[64] = {};
+  if (readlink(entry.c_str(), got, sizeof(got) - 1) > 0 && "/.realproc/" + std::to_string(pid) == got) {
+    unlink(entry.c_str());
+  }
+}
+
+// What a sandboxed child does between fork and exec (only system calls there).
+struct SandboxPlan {
+  std::string root;
+  std::vector<Bind> binds;
+  bool own_entry = false;  // the child gets its entry of the real procfs
+  std::string asan_without_leaks;
+
+  void enter(std::vector<char*>& env) {
+    if (unshare(CLONE_NEWNS) < 0) child_fail("unshare");
+    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) < 0) child_fail("mount private");
+    for (const Bind& b : binds) {
+      if (mount(b.source.c_str(), b.target.c_str(), nullptr, MS_BIND | MS_REC, nullptr) < 0) {
+        child_fail(b.source.c_str());
+      }
+      // A read-only remount must keep the flags the original mount is locked with.
+      struct statvfs st;
+      unsigned long keep = 0;
+      if (statvfs(b.source.c_str(), &st) == 0) {
+        keep = st.f_flag & (ST_NOSUID | ST_NODEV | ST_NOEXEC | ST_NOATIME | ST_NODIRATIME | ST_RELATIME);
+      }
+      if (mount(nullptr, b.target.c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY | keep,
+                nullptr) < 0) {
+        child_fail(b.target.c_str());
+      }
+    }
+    if (chroot(root.c_str()) < 0) child_fail("chroot");
+    if (chdir("/") < 0) child_fail("chdir");
+    // Where the child cannot have its own entry, it runs without leak detection instead.
+    if (!own_entry || make_own_entry()) return;
+    for (char*& e : env) {
+      if (e != nullptr && strncmp(e, "ASAN_OPTIONS=", 13) == 0) e = asan_without_leaks.data();
+    }
+  }
+};
+
+// --- running the child ---------------------------------------------------------------------------
 
 int64_t now_ms() {
   timespec ts;
@@ -141,43 +211,38 @@ struct Streams {
   int err[2] = {-1, -1};
 };
 
-bool open_streams(const RunOptions& opts, Streams* s, std::string* why) {
+void open_streams(const RunOptions& opts, Streams* s) {
   if (pipe2(s->in, O_CLOEXEC) < 0 || pipe2(s->err, O_CLOEXEC) < 0 ||
       (!opts.pty && pipe2(s->out, O_CLOEXEC) < 0)) {
-    *why = "harness: pipe failed";
-    return false;
+    harness_fail("pipe");
   }
-  if (!opts.pty) return true;
+  if (!opts.pty) return;
   winsize ws = {};
   ws.ws_col = static_cast<unsigned short>(opts.pty_cols);
   ws.ws_row = 24;
-  if (openpty(&s->out[0], &s->out[1], nullptr, nullptr, &ws) < 0) {
-    *why = std::string("harness: openpty: ") + strerror(errno);
-    return false;
-  }
+  if (openpty(&s->out[0], &s->out[1], nullptr, nullptr, &ws) < 0) harness_fail("openpty");
   // Plain "\n" line ends, so the output compares as text.
   termios t;
   tcgetattr(s->out[1], &t);
   t.c_oflag &= ~(OPOST | ONLCR);
   tcsetattr(s->out[1], TCSANOW, &t);
-  fcntl(s->out[0], F_SETFD, FD_CLOEXEC);
-  fcntl(s->out[1], F_SETFD, FD_CLOEXEC);
-  return true;
 }
 
 [[noreturn]] void exec_child(const RunOptions& opts, const Streams& s, std::vector<char*>& argv,
-                             std::vector<char*>& env, ChildSetup* setup) {
+                             std::vector<char*>& env, SandboxPlan* sandbox) {
   if (opts.pty) {
     setsid();
     ioctl(s.out[1], TIOCSCTTY, 0);
   } else {
     setpgid(0, 0);
   }
+  // Nothing of this test process but the three streams reaches the program.
+  close_range(3, ~0U, CLOSE_RANGE_CLOEXEC);
   dup2(s.in[0], 0);
   dup2(s.out[1], 1);
   dup2(s.err[1], 2);
   signal(SIGPIPE, SIG_DFL);
-  if (setup != nullptr) setup->InChild(env);
+  if (sandbox != nullptr) sandbox->enter(env);
   execve(argv[0], argv.data(), env.data());
   child_fail(argv[0]);
 }
@@ -225,36 +290,36 @@ void collect(pid_t pid, int timeout_ms, int out, int err, Result* result) {
   close(pidfd);
 }
 
-}  // namespace
-
-Result launch(const std::vector<std::string>& argv, std::vector<std::string> env,
-              const RunOptions& opts, ChildSetup* setup) {
+Result launch(std::vector<std::string> argv, std::vector<std::string> env, const RunOptions& opts,
+              SandboxPlan* sandbox) {
   static const bool ignore_sigpipe = [] { return signal(SIGPIPE, SIG_IGN) != SIG_ERR; }();
   (void)ignore_sigpipe;
-  std::vector<std::string> args = argv;
-  std::vector<char*> c_argv = c_strings(args), c_env = c_strings(env);
+  std::vector<char*> c_argv = c_strings(argv), c_env = c_strings(env);
   Result result;
   Streams s;
-  if (!open_streams(opts, &s, &result.err)) return result;
-
+  open_streams(opts, &s);
   pid_t pid = fork();
-  if (pid == 0) exec_child(opts, s, c_argv, c_env, setup);
+  if (pid < 0) harness_fail("fork");
+  if (pid == 0) exec_child(opts, s, c_argv, c_env, sandbox);
   close(s.in[0]);
   close(s.in[1]);  // the child reads an empty standard input
   close(s.out[1]);
   close(s.err[1]);
-  if (pid < 0) {
-    for (int fd : {s.out[0], s.err[0]}) close(fd);
-    result.err = "harness: fork failed";
-    return result;
-  }
   collect(pid, opts.timeout_ms, s.out[0], s.err[0], &result);
   int status = 0;
   TEMP_FAILURE_RETRY(waitpid(pid, &status, 0));
   result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  if (setup != nullptr) setup->Reaped(pid);
+  if (sandbox != nullptr && sandbox->own_entry) remove_own_entry(sandbox->root, pid);
   return result;
 }
+
+std::vector<std::string> kestrel_argv(const std::vector<std::string>& args) {
+  std::vector<std::string> argv = {kestrel_binary()};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return argv;
+}
+
+}  // namespace
 
 Result run_program(const std::vector<std::string>& argv, const RunOptions& opts) {
   TempDir dir;
@@ -263,24 +328,117 @@ Result run_program(const std::vector<std::string>& argv, const RunOptions& opts)
 }
 
 Result run_kestrel(const std::vector<std::string>& args, const RunOptions& opts) {
-  std::vector<std::string> argv = {kestrel_binary()};
-  argv.insert(argv.end(), args.begin(), args.end());
-  return run_program(argv, opts);
+  return run_program(kestrel_argv(args), opts);
 }
 
 TempDir::TempDir() : path_(make_temp_dir("kestrel-test")) {}
 TempDir::~TempDir() { remove_tree(path_); }
 
 std::string TempDir::write(const std::string& name, const std::string& content) const {
-  std::string path = file(name);
-  make_dirs(parent_of(path));
-  if (!write_text(path, content)) {
-    fprintf(stderr, "harness: cannot write %s: %s\n", path.c_str(), strerror(errno));
-    abort();
-  }
-  return path;
+  write_text(file(name), content, 0644);
+  return file(name);
 }
 
 std::string TempDir::read(const std::string& name) const { return read_text(file(name)); }
+
+// --- the sandbox -------------------------------------------------------------------------------
+
+Sandbox::Sandbox() : root_(make_temp_dir("kestrel-sandbox")) {
+  make_dir("/tmp", 01777);
+  make_dir("/proc");
+}
+
+Sandbox::~Sandbox() { remove_tree(root_); }
+
+bool Sandbox::Supported(std::string* why) {
+  static const std::optional<std::string> reason = []() -> std::optional<std::string> {
+    if (geteuid() != 0) return "sandbox needs root";
+#ifdef KESTREL_TESTS_UNDER_EMULATION
+    // Under qemu-user the kernel sees the emulator, not kestrel (its /proc entries, its command
+    // line, its system calls), so sandboxed runs are kept to native builds.
+    return "sandbox runs are left out under qemu-user emulation";
+#endif
+    pid_t pid = fork();
+    if (pid == 0) {
+      if (unshare(CLONE_NEWNS) < 0) _exit(errno);
+      _exit(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) < 0 ? errno : 0);
+    }
+    int status = 0;
+    if (pid < 0 || waitpid(pid, &status, 0) < 0) return "sandbox: fork failed";
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 0) return std::nullopt;
+    return std::string("sandbox: private mount namespace unavailable: ") +
+           strerror(WIFEXITED(status) ? WEXITSTATUS(status) : EPERM);
+  }();
+  if (reason && why != nullptr) *why = *reason;
+  return !reason;
+}
+
+void Sandbox::write_file(const std::string& inside, const std::string& content, mode_t mode) {
+  write_text(host_path(inside), content, mode);
+}
+
+void Sandbox::make_dir(const std::string& inside, mode_t mode) {
+  make_dirs(host_path(inside));
+  chmod(host_path(inside).c_str(), mode);
+}
+
+void Sandbox::make_symlink(const std::string& target, const std::string& inside) {
+  make_dirs(parent_of(host_path(inside)));
+  unlink(host_path(inside).c_str());
+  if (symlink(target.c_str(), host_path(inside).c_str()) < 0) harness_fail(inside);
+}
+
+std::string Sandbox::read_file(const std::string& inside) const {
+  return read_text(host_path(inside));
+}
+
+Result Sandbox::run(const std::vector<std::string>& args, const RunOptions& opts) {
+  return run_program(kestrel_argv(args), opts);
+}
+
+Result Sandbox::run_program(const std::vector<std::string>& argv, const RunOptions& opts) {
+  SandboxPlan plan;
+  plan.root = root_;
+  auto bind = [&](const std::string& source, const std::string& inside) {
+    make_dirs(host_path(inside));
+    plan.binds.push_back({source, host_path(inside)});
+  };
+  for (const char* top : {"/usr", "/etc", "/dev"}) bind(top, top);
+  // Merged-usr systems link /bin, /lib, ... into /usr; older ones have real folders.
+  for (const char* top : {"/bin", "/sbin", "/lib", "/lib32", "/lib64", "/libx32"}) {
+    struct stat st;
+    if (lstat(top, &st) < 0) continue;
+    if (S_ISLNK(st.st_mode)) {
+      char target[PATH_MAX] = {};
+      if (readlink(top, target, sizeof(target) - 1) > 0) make_symlink(target, top);
+    } else if (S_ISDIR(st.st_mode)) {
+      bind(top, top);
+    }
+  }
+  bind(KESTREL_SOURCE_DIR, KESTREL_SOURCE_DIR);
+  std::string build = KESTREL_BUILD_DIR, source = KESTREL_SOURCE_DIR;
+  if (build.compare(0, source.size() + 1, source + "/") != 0) bind(build, build);
+  // Other programs may lay out their own entry in /proc; a kestrel they start is not checked
+  // for leaks.
+  plan.own_entry = !argv.empty() && argv[0] == kestrel_binary();
+  bind("/proc", "/.realproc");
+  for (const char* link : {"self", "thread-self"}) {
+    struct stat st;
+    std::string inside = std::string("/proc/") + link;
+    if (lstat(host_path(inside).c_str(), &st) < 0) make_symlink(std::string("/.realproc/") + link, inside);
+  }
+  std::string scenario_path;
+  if (opts.simulator && !opts.scenario.empty()) {
+    scenario_path = "/tmp/.kestrel-sim-scenario";
+    write_file(scenario_path, opts.scenario);
+  }
+  std::vector<std::string> env = child_env(opts, scenario_path, !plan.own_entry);
+  for (const std::string& e : env) {
+    if (e.starts_with("ASAN_OPTIONS=")) plan.asan_without_leaks = e + ":detect_leaks=0";
+  }
+  Result result = launch(argv, env, opts, &plan);
+  if (!scenario_path.empty()) unlink(host_path(scenario_path).c_str());
+  return result;
+}
 
 }  // namespace kestrel_e2e

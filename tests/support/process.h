@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The process runner of the end-to-end tests: runs the shipped kestrel binary (or any program)
 // as a child, under the driver simulator (LD_PRELOAD) with a scenario, with its output on pipes
-// or on a pseudo-terminal, and returns what it printed and how it ended.
+// or on a pseudo-terminal, and returns what it printed and how it ended. process.cpp also holds
+// the sandbox of sandbox.h, which launches its children the same way.
 #pragma once
 
 #include <sys/types.h>
@@ -23,8 +24,7 @@ struct RunOptions {
   // loaded unless `simulator` is false.
   std::string scenario;
   bool simulator = true;
-  std::vector<std::string> preload;  // further libraries preloaded after the simulator
-  std::vector<std::string> env;      // extra "NAME=value" entries; TZ=UTC is always set
+  std::vector<std::string> env;      // extra "NAME=value" entries, LD_PRELOAD too; TZ=UTC is set
   int timeout_ms = 20000;            // the child is killed after this long (timed_out set)
   bool pty = false;                  // standard output on a pseudo-terminal of pty_cols columns
   unsigned pty_cols = 80;
@@ -62,33 +62,7 @@ class TempDir {
   std::string path_;
 };
 
-// --- for the sandbox ---------------------------------------------------------------------------
-
-// What a run does in the child between fork and exec (only system calls there), and once the
-// child has been reaped.
-class ChildSetup {
- public:
-  virtual ~ChildSetup() = default;
-  virtual void InChild(std::vector<char*>& env) = 0;
-  virtual void Reaped(pid_t pid) = 0;
-};
-
-// The child's environment: ours without what would change the output or the simulator, then
-// TZ=UTC, the simulator with the scenario at `scenario_path` and the caller's entries.
-std::vector<std::string> child_env(const RunOptions& opts, const std::string& scenario_path,
-                                   bool leaks_off);
-
-Result launch(const std::vector<std::string>& argv, std::vector<std::string> env,
-              const RunOptions& opts, ChildSetup* setup);
-
-// Reports a failed call of the child on its standard error and ends it with status 127.
-[[noreturn]] void child_fail(const char* what);
-
-bool make_dirs(const std::string& path, mode_t mode = 0755);
-std::string parent_of(const std::string& path);
-bool write_text(const std::string& path, const std::string& content, mode_t mode = 0644);
+// The whole content of a file, or "" when it cannot be read.
 std::string read_text(const std::string& path);
-void remove_tree(const std::string& path);
-std::string make_temp_dir(const char* prefix);
 
 }  // namespace kestrel_e2e

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The sandbox of the end-to-end tests: a private mount namespace and a chroot laid out with
-// fixture files, for commands that read and write fixed absolute paths.
+// The sandbox of the end-to-end tests (made and entered in process.cpp): a private mount
+// namespace and a chroot laid out with fixture files, for commands that read and write fixed
+// absolute paths.
 #pragma once
 
 #include <sys/types.h>
@@ -35,7 +36,7 @@ class Sandbox {
 
   // Runs `kestrel args...` inside. A scenario is written to /tmp inside the root, so trace
   // paths in it name files inside the sandbox too (read them back with read_file). A kestrel
-  // run directly keeps leak detection: its own /proc/<pid>/task reaches the real procfs.
+  // run directly keeps leak detection: its own /proc/<pid> is a link to the real one.
   Result run(const std::vector<std::string>& args, const RunOptions& opts = {});
   // Runs any program inside (argv[0] is its path inside the sandbox).
   Result run_program(const std::vector<std::string>& argv, const RunOptions& opts = {});
