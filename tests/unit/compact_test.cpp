@@ -28,12 +28,10 @@ struct FakeKernel {
   std::vector<Ranges> calls;
   std::vector<int> advice, fds;  // of each call; descriptors handed out
   std::vector<pid_t> opened;     // pids given to pidfd_open
-  int open_errno = 0;
 } * g_kernel;
 
 int fake_pidfd_open(pid_t pid, unsigned int) {
   g_kernel->opened.push_back(pid);
-  if ((errno = g_kernel->open_errno) != 0) return -1;
   g_kernel->fds.push_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
   return g_kernel->fds.back();
 }
@@ -132,16 +130,6 @@ TEST_F(Compaction, BatchesFollowTheKernelLimitsAndAnswers) {
     EXPECT_EQ(kernel_.advice, std::vector<int>(t.calls.size(), kAdviceCold));
     EXPECT_EQ(kernel_.opened, std::vector<pid_t>(t.count > 0 ? 1 : 0, 4242));
   }
-}
-
-TEST_F(Compaction, PidfdFailureIsNamedAndReturnedAsNegatedErrno) {
-  for (int err : {ESRCH, ENOSYS}) {
-    kernel_.open_errno = err;
-    CompactFailure failure = CompactFailure::kNone;
-    EXPECT_EQ(compactMemory({mapping(0x10000000, kPage)}, 77, kAdvicePageout, 1, kFakes, &failure),
-              -err);
-    EXPECT_EQ(failure, CompactFailure::kOpenPid);
-  }  // with no pidfd, a process_madvise call fails the fake kernel's own check
 }
 
 // The kinds go from the longest list to the shortest: the lists keep their entries from one

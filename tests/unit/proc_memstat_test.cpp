@@ -1,15 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// The smaps walk on small fixture files, its line scanner held to sscanf("%63s %n") on generated
-// lines, and the argument checks of the three driver requests with the lines they log.
+// The smaps walk on small fixture files and the argument checks of the three driver requests with
+// the lines they log. fuzz/smaps_key_fuzzer.cpp holds the walk's line scanner to sscanf.
 #include <errno.h>
-#include <stdio.h>
 #include <unistd.h>
 
 #include <fstream>
-#include <random>
 #include <regex>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -55,29 +52,6 @@ TEST(SmapsWalk, AddsPagesByMappingNameToDriverFigures) {
   proc_ms ms = {};
   EXPECT_FALSE(iterate_vma(1, kStatPss, &ms, kFixtures + "no-such.smaps"));
   EXPECT_EQ(errno, ENOENT);
-}
-
-TEST(SmapsKeyScanner, MatchesSscanf) {
-  // Lines drawn from every byte class the scanner decides on (C-locale blanks, the colon, letters
-  // the walk switches on, digits, control and high bytes), with a share of blanks that varies so
-  // that keys of every length, around the 63-character limit too, turn up.
-  const std::string blanks = " \t\n\v\f\r", others = ":PSNsw09kB[]_\x01\x1f\x7f\x80\xff";
-  std::mt19937 rng(20240611);
-  for (int i = 0; i < 30000; i++) {
-    std::string line(rng() % 161, ' ');
-    unsigned blank_percent = rng() % 60;
-    for (char& ch : line) {
-      const std::string& pool = rng() % 100 < blank_percent ? blanks : others;
-      ch = pool[rng() % pool.size()];
-    }
-    char token[128] = {};
-    int offset = -1;
-    std::tuple<bool, std::string, size_t> want, got;
-    if (sscanf(line.c_str(), "%63s %n", token, &offset) == 1) want = {true, token, offset};
-    SmapsKey key;
-    if (scan_smaps_key(line.c_str(), &key)) got = {true, std::string(key.key, key.len), key.value};
-    ASSERT_EQ(got, want) << testing::PrintToString(line);
-  }
 }
 
 TEST(MemStatRequests, BadArgumentsFailWithTheirLogLines) {
