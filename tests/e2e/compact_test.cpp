@@ -9,9 +9,7 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -114,12 +112,10 @@ TEST(CompactPageOut, PidPagesOutTheChildsFilePagesIn1024RangeCalls) {
   static const std::regex kCall(
       R"(process_madvise\(\d+, \[.*\], (\d+), MADV_PAGEOUT, 0\) = (-?\d+))");
   std::vector<size_t> counts;
-  std::istringstream lines(tmp.read("trace"));
-  std::smatch m;
-  for (std::string line; std::getline(lines, line);) {
-    if (!std::regex_search(line, m, kCall)) continue;
-    counts.push_back(std::stoul(m[1]));
-    EXPECT_GT(std::stol(m[2]), 0) << line;
+  const std::string trace = tmp.read("trace");
+  for (std::sregex_iterator call(trace.begin(), trace.end(), kCall), end; call != end; ++call) {
+    counts.push_back(std::stoul((*call)[1]));
+    EXPECT_GT(std::stol((*call)[2]), 0) << call->str();
   }
   std::vector<size_t> want(ranges / 1024, 1024);
   if (ranges % 1024 != 0) want.push_back(ranges % 1024);

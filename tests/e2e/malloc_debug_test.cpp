@@ -253,25 +253,17 @@ TEST(MallocHook, AnswersEveryRequest) {
   for (const char* option : {"-s", "-p", "-P", "-D"}) {
     EXPECT_EQ(hooked.request(option).status, 0) << option;
   }
-  // The log as `logger` shows it, from a reader that starts at the oldest record.
+  // The log as `logger` shows it, from a reader that starts at the oldest record: every line is
+  // one of the target's, and its answers to the requests follow in order.
   r = run_kestrel({"logger"}, {.scenario = hooked.scenario, .timeout_ms = 1500});
-  std::string answers;
   const std::regex prefix("^\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3} +" + hooked.target.pid() +
-                          " +\\d+ I malloc_debug:");
-  static const std::regex number("\\b\\d+ bytes");
-  size_t start = 0;
-  for (size_t end; (end = r.out.find('\n', start)) != std::string::npos; start = end + 1) {
-    std::string line = r.out.substr(start, end - start);
-    std::smatch m;
-    if (!std::regex_search(line, m, prefix)) {
-      ADD_FAILURE() << line;
-      continue;
-    }
-    line = m.suffix();
-    if (line.starts_with("<malloc version=") || line.starts_with("enabled") ||
-        line.starts_with("purge") || line.starts_with("disabled")) {
-      answers += std::regex_replace(line, number, "N bytes") + "\n";
-    }
+                          " +\\d+ I malloc_debug:", std::regex::multiline);
+  const std::string texts = std::regex_replace(r.out, prefix, "");
+  EXPECT_FALSE(std::regex_search(texts, std::regex("^\\d\\d-\\d\\d ", std::regex::multiline))) << r.out;
+  static const std::regex answer("^(?:<malloc version=|enabled|purge|disabled).*\n", std::regex::multiline);
+  std::string answers;
+  for (std::sregex_iterator line(texts.begin(), texts.end(), answer), end; line != end; ++line) {
+    answers += std::regex_replace(line->str(), std::regex("\\b\\d+ bytes"), "N bytes");
   }
   EXPECT_EQ(answers,
             "enabled: backtraces of up to 32 frames, tables of 10752 KiB\n"

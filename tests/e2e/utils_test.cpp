@@ -5,8 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -90,9 +88,7 @@ TEST(UtilsElfAlign, DeviceWalkListsShortAlignedFilesOfPartitionsOnly) {
   Result r = box.run({"utils", "--elf-align"});
   EXPECT_EQ(std::tie(r.out, r.err, r.status), std::tuple("16kB support is only required on V and later releases.\n", "", 0));
 
-  std::ostringstream mounts;
-  mounts << std::ifstream(kestrel_e2e::fixtures_dir() + "/utils/mounts").rdbuf();
-  box.write_file("/proc/mounts", mounts.str());
+  box.write_file("/proc/mounts", kestrel_e2e::read_text(kestrel_e2e::fixtures_dir() + "/utils/mounts"));
   box.write_file("/vendor/lib64/libbig.so", elf_image({elf_load(16384), elf_load(65536)}));
   box.write_file("/vendor/lib64/README", "not an ELF file\n");
   box.write_file("/vendor/firmware_mnt/image/modem.b00", small);
