@@ -12,7 +12,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <regex>
 #include <string>
 #include <vector>
@@ -67,8 +66,7 @@ class Target {
   std::string expand(std::string text) const {
     std::string name = argv0_;
 #ifdef KESTREL_TESTS_UNDER_EMULATION
-    std::ifstream cmdline("/proc/" + pid() + "/cmdline");
-    std::getline(cmdline, name, '\0');
+    name = read_text("/proc/" + pid() + "/cmdline").c_str();  // up to the first NUL
 #endif
     for (size_t at; (at = text.find("PID")) != std::string::npos;) text.replace(at, 3, pid());
     for (size_t at; (at = text.find("NAME")) != std::string::npos;) text.replace(at, 4, name);
@@ -94,7 +92,7 @@ class Target {
   FILE* io_ = nullptr;
 };
 
-// In a case, "PID" stands for the target's pid.
+// In a case, "PID" stands for the target's pid, "NAME" for its name (see Target::expand).
 struct Case {
   std::vector<std::string> args;
   std::string out, err;
