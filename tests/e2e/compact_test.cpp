@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <regex>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -26,9 +27,8 @@ const RunOptions kNoSim{.simulator = false};
 // The whole outcome of a run; the elapsed time is the one part that changes from run to run.
 void expect_run(const Result& r, const std::string& out, const std::string& err, int status) {
   static const std::regex kDone("done: total [0-9]+\\.[0-9]{3} ms\n");
-  EXPECT_EQ(std::regex_replace(r.out, kDone, "done: total <t> ms\n"), out);
-  EXPECT_EQ(r.err, err);
-  EXPECT_EQ(r.status, status);
+  EXPECT_EQ(std::tuple(std::regex_replace(r.out, kDone, "done: total <t> ms\n"), r.err, r.status),
+            std::tie(out, err, status));
 }
 
 // A compact_child holding `pages` one-page file mappings until this object goes.
