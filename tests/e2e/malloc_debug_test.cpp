@@ -188,19 +188,10 @@ TEST(MallocDebug, DumpFollowsTheTargetsLogToItsEnd) {
 // addresses and the offsets inside functions differ from build to build. The answer to the
 // enable request shows too when it was written in the second the dump began.
 std::string target_part(const std::string& dump) {
-  static const std::regex frame("  (#\\d\\d) pc [0-9a-f]{16}  " KESTREL_HOOK_TARGET " \\((\\w+)\\+0x[0-9a-f]+\\)");
-  std::string out;
-  size_t start = 0;
-  for (size_t end; (end = dump.find('\n', start)) != std::string::npos; start = end + 1) {
-    const std::string line = dump.substr(start, end - start);
-    if (line.starts_with("  #")) {
-      std::smatch m;
-      if (std::regex_match(line, m, frame) && m[2] != "_start") out += "  " + m.str(1) + " " + m.str(2) + "\n";
-    } else if (!line.starts_with("enabled: ")) {
-      out += line + "\n";
-    }
-  }
-  return out;
+  static const std::regex frame("^  (#\\d\\d) pc [0-9a-f]{16}  " KESTREL_HOOK_TARGET " \\((\\w+)\\+0x[0-9a-f]+\\)$",
+                                std::regex::multiline);
+  static const std::regex other("^(?:  #\\d\\d pc .*|  #\\d\\d _start|enabled: .*)\n", std::regex::multiline);
+  return std::regex_replace(std::regex_replace(dump, frame, "  $1 $2"), other, "");
 }
 
 // The VM test's target program, run with the hook and the simulator preloaded; its log file is
