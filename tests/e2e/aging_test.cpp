@@ -4,11 +4,9 @@
 #include <stdio.h>
 
 #include <filesystem>
-#include <fstream>
 #include <numeric>
 #include <regex>
 #include <set>
-#include <sstream>
 #include <string>
 #include <tuple>
 
@@ -24,9 +22,7 @@ using kestrel_e2e::Sandbox;
 const std::string kFixtures = kestrel_e2e::fixtures_dir() + "/aging/";
 const std::string kDaemonFolder = "/data/tarvo/heapdump/kestrel";
 
-std::string read(const fs::path& path) { return kestrel_e2e::read_text(path); }
-
-std::string fixture(const std::string& name) { return read(kFixtures + name); }
+std::string fixture(const std::string& name) { return kestrel_e2e::read_text(kFixtures + name); }
 
 // Time stamps of log lines and report names replaced, so that the text compares whole.
 std::string untimed(const std::string& text) {
@@ -51,7 +47,7 @@ std::string tree(const Sandbox& box, const std::string& inside) {
 std::string report(const Sandbox& box, const std::string& monitor) {
   std::error_code ec;
   fs::directory_iterator first(box.host_path(kDaemonFolder + "/" + monitor), ec);
-  return first == fs::directory_iterator() ? "" : read(first->path());
+  return first == fs::directory_iterator() ? "" : kestrel_e2e::read_text(first->path());
 }
 
 void expect_fatal(const kestrel_e2e::Result& got, const std::string& err) {

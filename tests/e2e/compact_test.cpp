@@ -9,10 +9,9 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 #include <regex>
-#include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -28,9 +27,8 @@ const RunOptions kNoSim{.simulator = false};
 // The whole outcome of a run; the elapsed time is the one part that changes from run to run.
 void expect_run(const Result& r, const std::string& out, const std::string& err, int status) {
   static const std::regex kDone("done: total [0-9]+\\.[0-9]{3} ms\n");
-  EXPECT_EQ(std::regex_replace(r.out, kDone, "done: total <t> ms\n"), out);
-  EXPECT_EQ(r.err, err);
-  EXPECT_EQ(r.status, status);
+  EXPECT_EQ(std::tuple(std::regex_replace(r.out, kDone, "done: total <t> ms\n"), r.err, r.status),
+            std::tie(out, err, status));
 }
 
 // A compact_child holding `pages` one-page file mappings until this object goes.
@@ -114,12 +112,10 @@ TEST(CompactPageOut, PidPagesOutTheChildsFilePagesIn1024RangeCalls) {
   static const std::regex kCall(
       R"(process_madvise\(\d+, \[.*\], (\d+), MADV_PAGEOUT, 0\) = (-?\d+))");
   std::vector<size_t> counts;
-  std::istringstream lines(tmp.read("trace"));
-  std::smatch m;
-  for (std::string line; std::getline(lines, line);) {
-    if (!std::regex_search(line, m, kCall)) continue;
-    counts.push_back(std::stoul(m[1]));
-    EXPECT_GT(std::stol(m[2]), 0) << line;
+  const std::string trace = tmp.read("trace");
+  for (std::sregex_iterator call(trace.begin(), trace.end(), kCall), end; call != end; ++call) {
+    counts.push_back(std::stoul((*call)[1]));
+    EXPECT_GT(std::stol((*call)[2]), 0) << call->str();
   }
   std::vector<size_t> want(ranges / 1024, 1024);
   if (ranges % 1024 != 0) want.push_back(ranges % 1024);

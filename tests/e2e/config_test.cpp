@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // `kestrel config` as a user runs it: --load on this machine's tier section, the default file
 // path inside the sandbox, usage and failure statuses, and the --list report.
-#include <fstream>
 #include <regex>
-#include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -57,9 +56,7 @@ std::string file_error(const std::string& path) {
 }
 
 void expect_result(const Result& r, const std::string& out, const std::string& err, int status) {
-  EXPECT_EQ(r.out, out);
-  EXPECT_EQ(r.err, err);
-  EXPECT_EQ(r.status, status);
+  EXPECT_EQ(std::tie(r.out, r.err, r.status), std::tie(out, err, status));
 }
 
 TEST(ConfigE2E, LoadPrintsTheChosenGroupsOrEndsWithItsStatus) {
@@ -111,9 +108,9 @@ TEST(ConfigE2E, ListIgnoresLoadAndShowsNAForMissingFiles) {
   Result r = sandbox.run({"config", "--list", "--load", "bogus"}, kNoSimulator);
   // From 24 GiB of RAM on the report has no tier.
   if (r.status != 0) return expect_result(r, "[sys]\n", "fatal: unsupport ram\n\n", 129);
-  std::stringstream golden;
-  golden << std::ifstream(kestrel_e2e::fixtures_dir() + "/config/report_bare.txt").rdbuf();
-  std::string expected = std::regex_replace(golden.str(), std::regex("0\\.0\\.0"), "6.1.75");
+  const std::string expected = std::regex_replace(
+      kestrel_e2e::read_text(kestrel_e2e::fixtures_dir() + "/config/report_bare.txt"),
+      std::regex("0\\.0\\.0"), "6.1.75");
   // The tier and the allocator's answers are the machine's own.
   const std::regex machine_value(
       R"((\n  (?:M_\w+\(-?\d\)|heap_zero_init|ram): )-?\d+(?=G?\n))");

@@ -1,14 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
-// malloc-debug end to end against a live target (a stand-in process that prints the value of each
-// real-time signal it takes): the request each switch sends, the success line, the pid checks,
-// and the dump that follows the driver's log under the simulator.
+// malloc-debug end to end against live targets. A stand-in that prints the value of each
+// real-time signal it takes shows the request each switch sends, the success line, the pid
+// checks and the dump that follows the driver's log under the simulator. The VM test's target
+// program, run with the allocator hook and the simulator preloaded, shares the simulator's log
+// file with kestrel, so the hook's records reach `malloc-debug -d` and `logger` as they would
+// through the driver.
 #include <signal.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -19,7 +23,76 @@
 namespace kestrel_e2e {
 namespace {
 
-// In a case, "PID" stands for the target's pid.
+// A target process with `env` added. Its standard input and output are one socket: we read its
+// lines, and shutting our writing side ends the stand-in.
+class Target {
+ public:
+  Target(const std::string& program, const std::vector<std::string>& argv,
+         const std::vector<std::string>& env = {})
+      : argv0_(argv[0]) {
+    std::vector<char*> args;
+    for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
+    args.push_back(nullptr);
+    int sv[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0) return;
+    pid_ = fork();
+    if (pid_ == 0) {
+      dup2(sv[1], STDIN_FILENO);
+      dup2(sv[1], STDOUT_FILENO);
+      for (const std::string& entry : env) putenv(const_cast<char*>(entry.c_str()));
+      execv(program.c_str(), args.data());
+      _exit(127);
+    }
+    close(sv[1]);
+    io_ = fdopen(sv[0], "r");
+  }
+  ~Target() {
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+    if (io_ != nullptr) fclose(io_);
+  }
+
+  std::string line() {
+    char buf[64] = {};
+    return io_ != nullptr && fgets(buf, sizeof(buf), io_) != nullptr ? buf : "";
+  }
+  std::string pid() const { return std::to_string(pid_); }
+  bool alive() const { return waitpid(pid_, nullptr, WNOHANG) == 0; }
+
+  // `text` with "PID" the target's pid and "NAME" the program name its success lines show:
+  // under qemu-user the kernel shows the emulator's command line for it.
+  std::string expand(std::string text) const {
+    std::string name = argv0_;
+#ifdef KESTREL_TESTS_UNDER_EMULATION
+    name = read_text("/proc/" + pid() + "/cmdline").c_str();  // up to the first NUL
+#endif
+    for (size_t at; (at = text.find("PID")) != std::string::npos;) text.replace(at, 3, pid());
+    for (size_t at; (at = text.find("NAME")) != std::string::npos;) text.replace(at, 4, name);
+    return text;
+  }
+
+  // Ends the stand-in by closing its input, which it must take with status 0 (a signal it has
+  // no handler for would have killed it). Returns what it wrote until then.
+  std::string finish() {
+    shutdown(fileno(io_), SHUT_WR);
+    std::string rest;
+    for (int ch; (ch = fgetc(io_)) != EOF;) rest += static_cast<char>(ch);
+    int status = -1;
+    EXPECT_EQ(waitpid(pid_, &status, 0), pid_);
+    EXPECT_EQ(status, 0) << "target wait status";
+    pid_ = -1;
+    return rest;
+  }
+
+ private:
+  const std::string argv0_;
+  pid_t pid_ = -1;
+  FILE* io_ = nullptr;
+};
+
+// In a case, "PID" stands for the target's pid, "NAME" for its name (see Target::expand).
 struct Case {
   std::vector<std::string> args;
   std::string out, err;
@@ -28,61 +101,23 @@ struct Case {
   std::string scenario = "";
 };
 
-std::string with_pid(std::string text, const std::string& pid) {
-  for (size_t at; (at = text.find("PID")) != std::string::npos;) text.replace(at, 3, pid);
-#ifdef KESTREL_TESTS_UNDER_EMULATION
-  // Under qemu-user the kernel shows the emulator's command line for the target, and the
-  // success line carries that name instead.
-  std::ifstream cmdline("/proc/" + pid + "/cmdline");
-  std::string shown;
-  std::getline(cmdline, shown, '\0');
-  const std::string name = "com.example.heapdemo:";
-  if (size_t at = text.find(name); at != std::string::npos) text.replace(at, name.size(), shown + ":");
-#endif
-  return text;
-}
-
-// Runs `kestrel malloc-debug` at a fresh target, started under a package-like name with one more
-// argument so that the success line shows the command line cut at its first NUL. The target's
-// standard input and output are one socket; shutting our writing side ends it.
+// Runs `kestrel malloc-debug` at a fresh stand-in, started under a package-like name with one
+// more argument so that the success line shows the command line cut at its first NUL.
 void expect_runs(const std::vector<Case>& cases) {
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::PrintToString(c.args));
-    int sv[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv), 0);
-    const pid_t target = fork();
-    if (target == 0) {
-      dup2(sv[1], STDIN_FILENO);
-      dup2(sv[1], STDOUT_FILENO);
-      const char* argv[] = {"com.example.heapdemo", "--heap-demo", nullptr};
-      execv(KESTREL_SIGTARGET, const_cast<char* const*>(argv));
-      _exit(127);
-    }
-    close(sv[1]);
-    FILE* io = fdopen(sv[0], "r");
-    char ready[16] = {};
-    ASSERT_STREQ(fgets(ready, sizeof(ready), io), "ready\n");
-    const std::string pid = std::to_string(target);
+    Target target(KESTREL_SIGTARGET, {"com.example.heapdemo", "--heap-demo"});
+    ASSERT_EQ(target.line(), "ready\n");
     std::vector<std::string> args = {"malloc-debug"};
-    for (const std::string& arg : c.args) args.push_back(with_pid(arg, pid));
-    Result r = run_kestrel(args, {.scenario = with_pid(c.scenario, pid)});
-    EXPECT_EQ(r.out, with_pid(c.out, pid));
-    EXPECT_EQ(r.err, c.err);
-    EXPECT_EQ(r.status, c.status);
-    // A signal the target has no handler for would have killed it: it must end on its own.
-    shutdown(sv[0], SHUT_WR);
-    std::string seen;
-    for (int ch; (ch = fgetc(io)) != EOF;) seen += static_cast<char>(ch);
-    fclose(io);
-    int status = -1;
-    EXPECT_EQ(waitpid(target, &status, 0), target);
-    EXPECT_EQ(status, 0) << "target wait status";
-    EXPECT_EQ(seen, c.seen);
+    for (const std::string& arg : c.args) args.push_back(target.expand(arg));
+    Result r = run_kestrel(args, {.scenario = target.expand(c.scenario)});
+    EXPECT_EQ(std::tie(r.out, r.err, r.status), std::tuple(target.expand(c.out), c.err, c.status));
+    EXPECT_EQ(target.finish(), c.seen);
   }
 }
 
 std::string success(const std::string& request) {
-  return "com.example.heapdemo:PID " + request + " malloc debug successfully\n";
+  return "NAME:PID " + request + " malloc debug successfully\n";
 }
 
 // Of several switches the first in the order enable, disable, stat, purge, purge-all wins.
@@ -147,6 +182,84 @@ TEST(MallocDebug, DumpFollowsTheTargetsLogToItsEnd) {
        "value=1\n", log + after + "at-end eof\n"},
       {{"-d", "PID"}, "", "fatal: open kestrel failed\n", 129, "value=1\n", "device absent\n"},
   });
+}
+
+// The dump's group lines and the frames in the target itself, which name its functions; the
+// addresses and the offsets inside functions differ from build to build. The answer to the
+// enable request shows too when it was written in the second the dump began.
+std::string target_part(const std::string& dump) {
+  static const std::regex frame("^  (#\\d\\d) pc [0-9a-f]{16}  " KESTREL_HOOK_TARGET " \\((\\w+)\\+0x[0-9a-f]+\\)$",
+                                std::regex::multiline);
+  static const std::regex other("^(?:  #\\d\\d pc .*|  #\\d\\d _start|enabled: .*)\n", std::regex::multiline);
+  return std::regex_replace(std::regex_replace(dump, frame, "  $1 $2"), other, "");
+}
+
+// The VM test's target program, run with the hook and the simulator preloaded; its log file is
+// the one the kestrel runs of `scenario` read.
+struct HookedTarget {
+  explicit HookedTarget(const std::string& mode)
+      : target(KESTREL_HOOK_TARGET, {KESTREL_HOOK_TARGET, mode},
+               {"LD_PRELOAD=" + simulator_library() + " " + KESTREL_HOOK_LIBRARY,
+                "KESTREL_SIM_SCENARIO=" + dir.write("scenario", scenario)}) {}
+
+  // Runs `kestrel malloc-debug option` at the target, which must live on.
+  Result request(const std::string& option) {
+    Result r = run_kestrel({"malloc-debug", option, target.pid()}, {.scenario = scenario});
+    EXPECT_TRUE(target.alive()) << option;
+    return r;
+  }
+
+  // Starts recording in the target and has it allocate from its two sites.
+  void enable_then_allocate() {
+    ASSERT_EQ(target.line(), "ready\n");
+    EXPECT_EQ(request("-e").out, target.expand(success("enable")));
+    kill(std::stoi(target.pid()), SIGUSR1);
+    ASSERT_EQ(target.line(), "allocated\n");
+  }
+
+  TempDir dir;
+  const std::string scenario = "log-file " + dir.file("log") + "\n";
+  Target target;
+};
+
+// Every request is answered: the dump lists both call sites with their totals and ends the
+// command on its END record; the other requests show in the driver's log; the target lives on.
+TEST(MallocHook, AnswersEveryRequest) {
+  HookedTarget hooked("");
+  ASSERT_NO_FATAL_FAILURE(hooked.enable_then_allocate());
+  Result r = hooked.request("-d");
+  EXPECT_EQ(std::tie(r.err, r.status), std::tuple("", 0));
+  EXPECT_EQ(target_part(r.out),
+            "155000 bytes in 8 allocations from 2 backtraces\n"
+            "120000 bytes in 3 allocations\n"
+            "  #00 site_a\n"
+            "  #01 main\n"
+            "35000 bytes in 5 allocations\n"
+            "  #00 site_b\n"
+            "  #01 main\n"
+            "END of malloc debug dump: the recorder holds 8 allocations and 3 backtraces in "
+            "10752 KiB; 0 allocations not recorded\n");
+  for (const char* option : {"-s", "-p", "-P", "-D"}) {
+    EXPECT_EQ(hooked.request(option).status, 0) << option;
+  }
+  // The log as `logger` shows it, from a reader that starts at the oldest record: every line is
+  // one of the target's, and its answers to the requests follow in order.
+  r = run_kestrel({"logger"}, {.scenario = hooked.scenario, .timeout_ms = 1500});
+  const std::regex prefix("^\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3} +" + hooked.target.pid() +
+                          " +\\d+ I malloc_debug:", std::regex::multiline);
+  const std::string texts = std::regex_replace(r.out, prefix, "");
+  EXPECT_FALSE(std::regex_search(texts, std::regex("^\\d\\d-\\d\\d ", std::regex::multiline))) << r.out;
+  static const std::regex answer("^(?:<malloc version=|enabled|purge|disabled).*\n", std::regex::multiline);
+  std::string answers;
+  for (std::sregex_iterator line(texts.begin(), texts.end(), answer), end; line != end; ++line) {
+    answers += std::regex_replace(line->str(), std::regex("\\b\\d+ bytes"), "N bytes");
+  }
+  EXPECT_EQ(answers,
+            "enabled: backtraces of up to 32 frames, tables of 10752 KiB\n"
+            "<malloc version=\"1\">\n"
+            "purge: malloc_trim returned N bytes to the system\n"
+            "purge-all: malloc_trim returned N bytes to the system\n"
+            "disabled: 10752 KiB of tables released\n");
 }
 
 }  // namespace

@@ -49,9 +49,7 @@ TEST(MemStress, FillsOneMiBPerBarRedrawAndRefusesBadSizes) {
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::PrintToString(c.args));
     Result r = run_kestrel(c.args);
-    EXPECT_EQ(r.out, c.out);
-    EXPECT_EQ(r.err, c.err);
-    EXPECT_EQ(r.status, c.status);
+    EXPECT_EQ(std::tie(r.out, r.err, r.status), std::tie(c.out, c.err, c.status));
   }
 }
 
