@@ -1,0 +1,208 @@
+// SPDX-License-Identifier: Apache-2.0
+// Keeps docs/kestrel.1 true to the shipped binary. What `kestrel` lists and what each command
+// prints for -h is what the page must show: a section ".SS \"kestrel <word> ...\"" for every
+// command and for nothing else, opening with the command's help text; in it every option of the
+// command and none it lacks; for each option a line (after ".TP") with its short and long name
+// and a value where it takes one, followed, up to the next request, by its help text once roff
+// escapes are undone (options with an empty help text are exempt).
+#include <algorithm>
+#include <map>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tests/support/process.h"
+
+namespace kestrel_e2e {
+namespace {
+
+struct OptionLine {
+  std::string roff;  // the line after ".TP"
+  std::string text;  // the text after it
+};
+
+struct Section {
+  std::string roff;     // all of it
+  std::string opening;  // its first text
+  std::vector<OptionLine> options;
+};
+
+// What roff text reads as: font changes and zero-width escapes dropped, named characters and
+// escaped blanks, minuses and backslashes turned back into themselves. A bare "-" prints as a
+// hyphen (U+2010 in a UTF-8 terminal), not as the minus the program prints.
+std::string plain(std::string text) {
+  static const std::pair<std::regex, const char*> kSteps[] = {
+      {std::regex(R"(\\-)"), "\x01"},
+      {std::regex(R"(\\[e\\])"), "\x02"},
+      {std::regex(R"(\\f(\(..|\[[^\]]*\]|.))"), ""},
+      {std::regex(R"(\\[&%|^:])"), ""},
+      {std::regex(R"(\\[ ~])"), " "},
+      {std::regex(R"(\\(\(dq|\[dq\]))"), "\""},
+      {std::regex(R"(\\(\(aq|\[aq\]))"), "'"},
+      {std::regex("-"), "‐"},
+      {std::regex("\x01"), "-"},
+      {std::regex("\x02"), "\\"},
+  };
+  for (const auto& [pattern, replacement] : kSteps) text = std::regex_replace(text, pattern, replacement);
+  return text;
+}
+
+// The options a piece of roff shows, as "-x" and "--long-name": the words that are a minus and
+// one letter, or two minuses and a name, once font changes are taken out.
+std::set<std::string> options_shown(const std::string& roff) {
+  static const std::regex font(R"(\\f(\(..|\[[^\]]*\]|.))"), minus(R"(\\-)");
+  static const std::regex word("[A-Za-z0-9_\x01]+"), option("\x01([A-Za-z]|\x01\\w+(\x01\\w+)*)");
+  const std::string text = std::regex_replace(std::regex_replace(roff, font, " "), minus, "\x01");
+  std::set<std::string> shown;
+  for (std::sregex_iterator it(text.begin(), text.end(), word), end; it != end; ++it) {
+    if (std::regex_match(it->str(), option)) {
+      shown.insert(std::regex_replace(it->str(), std::regex("\x01"), "-"));
+    }
+  }
+  return shown;
+}
+
+// The sections of the commands, by command word.
+std::map<std::string, Section> read_page() {
+  static const std::regex heading(R"re(^\.SS "kestrel ([^ "]+))re");
+  std::istringstream page(read_text(std::string(KESTREL_SOURCE_DIR) + "/docs/kestrel.1"));
+  std::map<std::string, Section> sections;
+  Section* section = nullptr;
+  std::string* text = nullptr;  // where the text lines that follow go
+  bool after_tp = false;
+  std::smatch m;
+  for (std::string line; std::getline(page, line);) {
+    const bool request = line.empty() || line[0] == '.' || line[0] == '\'';
+    if (text != nullptr && !request) {
+      *text += (text->empty() ? "" : " ") + line;
+    } else if (text != nullptr && text->empty() && line == ".br") {
+      // A ".br" right after an option line puts the text below an option shorter than the indent.
+    } else {
+      text = nullptr;
+      if (line.starts_with(".SH")) {
+        section = nullptr;
+      } else if (std::regex_search(line, m, heading)) {
+        section = &sections[plain(m[1])];
+        text = &section->opening;
+      } else if (section != nullptr && after_tp && line.starts_with(".B")) {
+        section->options.push_back({line, ""});
+        text = &section->options.back().text;
+      }
+    }
+    if (section != nullptr) section->roff += line + "\n";
+    after_tp = line == ".TP";
+  }
+  return sections;
+}
+
+// The long names of the command's options that take a value, from its option table: the usage
+// does not show which do.
+std::set<std::string> options_with_value(std::string word) {
+  static const std::regex row(R"re(\.type = OPTION_(INTEGER|STRING)[^}]*\.long_name = "([^"]+)")re");
+  std::replace(word.begin(), word.end(), '-', '_');
+  const std::string code = read_text(std::string(KESTREL_SOURCE_DIR) + "/cmds/cmd_" + word + ".cpp");
+  std::set<std::string> names;
+  for (std::sregex_iterator it(code.begin(), code.end(), row), end; it != end; ++it) {
+    names.insert("--" + (*it)[2].str());
+  }
+  return names;
+}
+
+struct UsageRow {
+  std::string name, shorter, help;  // "--long" (or "-x" when it has none), "-x" or "", help text
+};
+
+// The options a command lists for -h. The scenario holds no log records, so the commands that take
+// no options (they ignore -h) end at once.
+std::vector<UsageRow> usage_rows(const std::string& word) {
+  const Result usage = run_kestrel({word, "-h"}, {.scenario = "version 65536\n"});
+  EXPECT_FALSE(usage.timed_out);
+  static const std::regex row(R"(^    (-\w)?,?(--[\w-]+)? *(.*)$)");
+  std::vector<UsageRow> rows;
+  std::istringstream lines(usage.err);
+  std::smatch m;
+  for (std::string line; std::getline(lines, line);) {
+    if (!std::regex_match(line, m, row)) continue;
+    if (m[1].matched || m[2].matched) {
+      rows.push_back({m[2].matched ? m[2] : m[1], m[1], m[3]});
+    } else if (!rows.empty()) {
+      rows.back().help = m[3];  // a long name past the help column puts its help on a line of its own
+    }
+  }
+  return rows;
+}
+
+// Compares one command's section with the options it lists for -h; returns how many it has.
+int check_options(const std::string& word, const Section& section) {
+  const std::set<std::string> with_value = options_with_value(word);
+  const std::set<std::string> in_section = options_shown(section.roff);
+  std::set<std::string> names;
+  for (const UsageRow& option : usage_rows(word)) {
+    names.insert(option.name);
+    if (!option.shorter.empty()) names.insert(option.shorter);
+    const OptionLine* line = nullptr;
+    for (const OptionLine& o : section.options) {
+      if (options_shown(o.roff).contains(option.name)) line = &o;
+    }
+    if (line == nullptr) {
+      ADD_FAILURE() << "no option line for " << option.name;
+      continue;
+    }
+    if (!option.shorter.empty()) {
+      EXPECT_TRUE(options_shown(line->roff).contains(option.shorter))
+          << line->roff << " lacks " << option.shorter;
+    }
+    if (with_value.contains(option.name)) {
+      EXPECT_TRUE(line->roff.find("\\fI") != std::string::npos || line->roff.starts_with(".BI "))
+          << line->roff << " shows no value";
+    }
+    if (!option.help.empty()) {
+      EXPECT_EQ(plain(line->text), option.help) << "the text of " << option.name;
+    }
+  }
+  for (const std::string& option : in_section) {
+    if (option != "-h" && option != "--help") {
+      EXPECT_TRUE(names.contains(option)) << "the section shows " << option << ", which the command lacks";
+    }
+  }
+  for (const std::string& option : names) {
+    EXPECT_TRUE(in_section.contains(option)) << option << " is missing from the section";
+  }
+  return static_cast<int>(names.size());
+}
+
+TEST(ManualPage, ShowsEveryCommandAndOptionWithItsHelpText) {
+  const std::map<std::string, Section> page = read_page();
+  static const std::regex listed(R"(^   (\S+) +(.*)$)");
+  std::istringstream list(run_kestrel({}).out);
+  std::set<std::string> commands;
+  int options = 0;
+  std::smatch m;
+  for (std::string line; std::getline(list, line);) {
+    if (!std::regex_match(line, m, listed)) continue;
+    const std::string word = m[1];
+    SCOPED_TRACE("kestrel " + word);
+    commands.insert(word);
+    const auto section = page.find(word);
+    if (section == page.end()) {
+      ADD_FAILURE() << "no section in the manual page";
+      continue;
+    }
+    EXPECT_EQ(plain(section->second.opening), m[2].str()) << "the section's opening";
+    options += check_options(word, section->second);
+  }
+  for (const auto& [word, section] : page) {
+    EXPECT_TRUE(commands.contains(word))
+        << "the page has a section \"kestrel " << word << "\", which no command has";
+  }
+  // Reading nothing at all would pass every check above.
+  EXPECT_FALSE(commands.empty());
+  EXPECT_GT(options, 0);
+}
+
+}  // namespace
+}  // namespace kestrel_e2e
