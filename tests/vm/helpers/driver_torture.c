@@ -235,11 +235,10 @@ static int check_cmd(void) {
 enum { WRITERS = 4, READERS = 4, WINDOW = 64 };
 
 static volatile int stop, writers_done;
-static long written[WRITERS];
+static long written[WRITERS];  // by each writer; final once writers_done is set
 static long consumed[READERS];
 static int reader_fd[READERS];
 static pid_t writer_tid[WRITERS];
-static long final_count[WRITERS];
 
 static size_t make_payload(char *buf, int w, long seq) {
   size_t len = (size_t)snprintf(buf, 64, "%ctorture%c%d %ld ", 4, 0, w, seq) ;
@@ -311,7 +310,7 @@ static int check_record(const char *rec, ssize_t n, long next[WRITERS], int lagg
 static int reader_done(const long next[WRITERS]) {
   if (!__atomic_load_n(&writers_done, __ATOMIC_ACQUIRE)) return 0;
   for (int w = 0; w < WRITERS; w++)
-    if (next[w] != final_count[w]) return 0;
+    if (next[w] != written[w]) return 0;
   return 1;
 }
 
@@ -334,8 +333,8 @@ static void *reader(void *arg) {
     if (check_record(rec, n, next, 0) >= 0) __atomic_add_fetch(&consumed[index], 1, __ATOMIC_RELEASE);
   }
   for (int w = 0; w < WRITERS; w++)
-    if (next[w] != final_count[w])
-      fail("reader %d got %ld of writer %d's %ld records", index, next[w], w, final_count[w]);
+    if (next[w] != written[w])
+      fail("reader %d got %ld of writer %d's %ld records", index, next[w], w, written[w]);
   return NULL;
 }
 
@@ -356,7 +355,7 @@ static int check_race(int seconds) {
   long total = 0;
   for (int w = 0; w < WRITERS; w++) {
     pthread_join(wt[w], NULL);
-    total += final_count[w] = written[w];
+    total += written[w];
   }
   __atomic_store_n(&writers_done, 1, __ATOMIC_RELEASE);
   for (int r = 0; r < READERS; r++) pthread_join(rt[r], NULL);
