@@ -54,47 +54,37 @@ std::string plain(std::string text) {
 // The options a piece of roff shows, as "-x" and "--long-name": the words that are a minus and
 // one letter, or two minuses and a name, once font changes are taken out.
 std::set<std::string> options_shown(const std::string& roff) {
-  static const std::regex font(R"(\\f(\(..|\[[^\]]*\]|.))"), minus(R"(\\-)");
-  static const std::regex word("[A-Za-z0-9_\x01]+"), option("\x01([A-Za-z]|\x01\\w+(\x01\\w+)*)");
+  static const std::regex font(R"(\\f(\(..|\[[^\]]*\]|.))"), minus(R"(\\-)"), marker("\x01");
+  static const std::regex option("(^|[^\\w\x01])(\x01([A-Za-z]|\x01\\w+(\x01\\w+)*))(?![\\w\x01])");
   const std::string text = std::regex_replace(std::regex_replace(roff, font, " "), minus, "\x01");
   std::set<std::string> shown;
-  for (std::sregex_iterator it(text.begin(), text.end(), word), end; it != end; ++it) {
-    if (std::regex_match(it->str(), option)) {
-      shown.insert(std::regex_replace(it->str(), std::regex("\x01"), "-"));
-    }
+  for (std::sregex_iterator it(text.begin(), text.end(), option), end; it != end; ++it) {
+    shown.insert(std::regex_replace((*it)[2].str(), marker, "-"));
   }
   return shown;
 }
 
-// The sections of the commands, by command word.
+// The text lines that follow a request, up to the next request or empty line, as one line.
+std::string joined(std::string lines) {
+  std::replace(lines.begin(), lines.end(), '\n', ' ');
+  return lines.empty() ? lines : lines.substr(0, lines.size() - 1);
+}
+
+// The sections of the commands, by command word. A ".br" right after an option line puts the
+// text below an option shorter than the indent.
 std::map<std::string, Section> read_page() {
-  static const std::regex heading(R"re(^\.SS "kestrel ([^ "]+))re");
-  std::istringstream page(read_text(std::string(KESTREL_SOURCE_DIR) + "/docs/kestrel.1"));
+  static const std::string text = R"((?:[^.'\n][^\n]*\n)*))";
+  static const std::regex heading("\\.SS \"kestrel ([^ \"]+)[^\n]*\n(" + text),
+      option("\\.TP\n(\\.B[^\n]*)\n(?:\\.br\n)?(" + text);
+  const std::string page = read_text(std::string(KESTREL_SOURCE_DIR) + "/docs/kestrel.1");
   std::map<std::string, Section> sections;
-  Section* section = nullptr;
-  std::string* text = nullptr;  // where the text lines that follow go
-  bool after_tp = false;
-  std::smatch m;
-  for (std::string line; std::getline(page, line);) {
-    const bool request = line.empty() || line[0] == '.' || line[0] == '\'';
-    if (text != nullptr && !request) {
-      *text += (text->empty() ? "" : " ") + line;
-    } else if (text != nullptr && text->empty() && line == ".br") {
-      // A ".br" right after an option line puts the text below an option shorter than the indent.
-    } else {
-      text = nullptr;
-      if (line.starts_with(".SH")) {
-        section = nullptr;
-      } else if (std::regex_search(line, m, heading)) {
-        section = &sections[plain(m[1])];
-        text = &section->opening;
-      } else if (section != nullptr && after_tp && line.starts_with(".B")) {
-        section->options.push_back({line, ""});
-        text = &section->options.back().text;
-      }
+  for (std::sregex_iterator it(page.begin(), page.end(), heading), end; it != end; ++it) {
+    Section& section = sections[plain((*it)[1])];
+    section.roff = page.substr(it->position(), page.find("\n.S", it->position()) - it->position());
+    section.opening = joined((*it)[2]);
+    for (std::sregex_iterator o(section.roff.begin(), section.roff.end(), option); o != end; ++o) {
+      section.options.push_back({(*o)[1], joined((*o)[2])});
     }
-    if (section != nullptr) section->roff += line + "\n";
-    after_tp = line == ".TP";
   }
   return sections;
 }
