@@ -102,56 +102,39 @@ std::set<std::string> options_with_value(std::string word) {
   return names;
 }
 
-struct UsageRow {
-  std::string name, shorter, help;  // "--long" (or "-x" when it has none), "-x" or "", help text
-};
-
-// The options a command lists for -h. The scenario holds no log records, so the commands that take
-// no options (they ignore -h) end at once.
-std::vector<UsageRow> usage_rows(const std::string& word) {
+// Compares one command's section with the options it lists for -h; returns how many it has. The
+// scenario holds no log records, so the commands that take no options (they ignore -h) end at
+// once. A long name past the help column puts its help text on a line of its own.
+int check_options(const std::string& word, const Section& section) {
   const Result usage = run_kestrel({word, "-h"}, {.scenario = "version 65536\n"});
   EXPECT_FALSE(usage.timed_out);
-  static const std::regex row(R"(^    (-\w)?,?(--[\w-]+)? *(.*)$)");
-  std::vector<UsageRow> rows;
-  std::istringstream lines(usage.err);
-  std::smatch m;
-  for (std::string line; std::getline(lines, line);) {
-    if (!std::regex_match(line, m, row)) continue;
-    if (m[1].matched || m[2].matched) {
-      rows.push_back({m[2].matched ? m[2] : m[1], m[1], m[3]});
-    } else if (!rows.empty()) {
-      rows.back().help = m[3];  // a long name past the help column puts its help on a line of its own
-    }
-  }
-  return rows;
-}
-
-// Compares one command's section with the options it lists for -h; returns how many it has.
-int check_options(const std::string& word, const Section& section) {
+  static const std::regex row(R"(\n    (-\w)?,?(--[\w-]+)?(?:\n {26}| *)([^\n]*))");
   const std::set<std::string> with_value = options_with_value(word);
   const std::set<std::string> in_section = options_shown(section.roff);
   std::set<std::string> names;
-  for (const UsageRow& option : usage_rows(word)) {
-    names.insert(option.name);
-    if (!option.shorter.empty()) names.insert(option.shorter);
+  for (std::sregex_iterator it(usage.err.begin(), usage.err.end(), row), end; it != end; ++it) {
+    const std::string shorter = (*it)[1], name = (*it)[2].matched ? (*it)[2].str() : shorter, help = (*it)[3];
+    if (name.empty()) continue;
+    names.insert(name);
+    if (!shorter.empty()) names.insert(shorter);
     const OptionLine* line = nullptr;
     for (const OptionLine& o : section.options) {
-      if (options_shown(o.roff).contains(option.name)) line = &o;
+      if (options_shown(o.roff).contains(name)) line = &o;
     }
     if (line == nullptr) {
-      ADD_FAILURE() << "no option line for " << option.name;
+      ADD_FAILURE() << "no option line for " << name;
       continue;
     }
-    if (!option.shorter.empty()) {
-      EXPECT_TRUE(options_shown(line->roff).contains(option.shorter))
-          << line->roff << " lacks " << option.shorter;
+    if (!shorter.empty()) {
+      EXPECT_TRUE(options_shown(line->roff).contains(shorter))
+          << line->roff << " lacks " << shorter;
     }
-    if (with_value.contains(option.name)) {
+    if (with_value.contains(name)) {
       EXPECT_TRUE(line->roff.find("\\fI") != std::string::npos || line->roff.starts_with(".BI "))
           << line->roff << " shows no value";
     }
-    if (!option.help.empty()) {
-      EXPECT_EQ(plain(line->text), option.help) << "the text of " << option.name;
+    if (!help.empty()) {
+      EXPECT_EQ(plain(line->text), help) << "the text of " << name;
     }
   }
   for (const std::string& option : in_section) {
