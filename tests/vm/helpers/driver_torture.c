@@ -91,8 +91,6 @@ static int check_badinput(void) {
   unsigned char *guard = guarded_page();
   void *unmapped = guard + page;  // the guard page itself
 
-  long v = ioctl(fd, KESTREL_IOC_GET_VERSION, 0);
-  if (v != ((KESTREL_VERSION_MAJOR << 16) | KESTREL_VERSION_MINOR)) fail("version 0x%lx", v);
   expect_errno(ioctl(fd, 0xFB04, NULL), ENOTTY, "unknown request");
   expect_errno(ioctl(fd, 0xFA04, NULL), ENOTTY, "unknown request");
 
@@ -134,20 +132,16 @@ static int check_badinput(void) {
   edge->count = 3;
   expect_errno(ioctl(fd, KESTREL_IOC_SIZE_MEMSTATS, edge), EFAULT, "records into the guard page");
 
-  // The walk: every process in ascending pid order, never more than count records.
+  // A full table fills only the figures asked for and never writes past count. (That it lists
+  // every process in pid order, check-meminfo's meminfo-table and driver-walk show.)
   memset(t, 0xa5, FULL_TABLE_SIZE + 4 * sizeof(struct kestrel_proc_ms));
   t->flags = KESTREL_STAT_PID | KESTREL_STAT_COMM;
   t->count = KESTREL_MAX_COUNT;
   if (ioctl(fd, KESTREL_IOC_SIZE_MEMSTATS, t) != 0) {
     fail("full table: %s", strerror(errno));
   } else {
-    int seen_self = 0;
-    for (uint32_t i = 0; i < t->count; i++) {
-      if (i && t->ms[i].pid <= t->ms[i - 1].pid) fail("pid %d after %d", t->ms[i].pid, t->ms[i - 1].pid);
-      if (t->ms[i].pid == getpid()) seen_self = 1;
+    for (uint32_t i = 0; i < t->count; i++)
       if (t->ms[i].uid || t->ms[i].vss) fail("pid %d: figures filled that were not asked for", t->ms[i].pid);
-    }
-    if (!seen_self || t->count < 2 || t->ms[0].pid != 1) fail("full table of %u lacks pid 1 or self", t->count);
     const unsigned char *after = (const unsigned char *)&t->ms[t->count];
     if (after[0] != 0xa5 || after[sizeof(struct kestrel_proc_ms) - 1] != 0xa5) fail("bytes written past count");
   }
