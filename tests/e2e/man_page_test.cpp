@@ -9,7 +9,6 @@
 #include <map>
 #include <regex>
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -150,14 +149,12 @@ int check_options(const std::string& word, const Section& section) {
 
 TEST(ManualPage, ShowsEveryCommandAndOptionWithItsHelpText) {
   const std::map<std::string, Section> page = read_page();
-  static const std::regex listed(R"(^   (\S+) +(.*)$)");
-  std::istringstream list(run_kestrel({}).out);
+  static const std::regex listed(R"(\n   (\S+) +([^\n]*))");
+  const std::string list = run_kestrel({}).out;
   std::set<std::string> commands;
   int options = 0;
-  std::smatch m;
-  for (std::string line; std::getline(list, line);) {
-    if (!std::regex_match(line, m, listed)) continue;
-    const std::string word = m[1];
+  for (std::sregex_iterator it(list.begin(), list.end(), listed), end; it != end; ++it) {
+    const std::string word = (*it)[1];
     SCOPED_TRACE("kestrel " + word);
     commands.insert(word);
     const auto section = page.find(word);
@@ -165,7 +162,7 @@ TEST(ManualPage, ShowsEveryCommandAndOptionWithItsHelpText) {
       ADD_FAILURE() << "no section in the manual page";
       continue;
     }
-    EXPECT_EQ(plain(section->second.opening), m[2].str()) << "the section's opening";
+    EXPECT_EQ(plain(section->second.opening), (*it)[2].str()) << "the section's opening";
     options += check_options(word, section->second);
   }
   for (const auto& [word, section] : page) {
