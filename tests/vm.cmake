@@ -1,13 +1,15 @@
 # SPDX-License-Identifier: Apache-2.0
-# Real kernels in qemu: the guest helper programs (every tests/vm/helpers/*.c, built for this
-# build's architecture into vm-helpers/) and one test per kernel flavour that boots it
-# (tests/vm/run-vm). The host build boots amd64; the arm64 cross build boots both arm64 kernels.
+# Real kernels in qemu: the guest helper programs (every tests/vm/helpers/*.c, and bench/vm/*.c,
+# the programs of the benchmarks that run in the guest, built for this build's architecture into
+# vm-helpers/) and one test per kernel flavour that boots it (tests/vm/run-vm). The host build
+# boots amd64; the arm64 cross build boots both arm64 kernels.
 # Sanitizer builds do not boot guests: their binaries would need the sanitizer runtimes there.
 if(KESTREL_SANITIZE)
   return()
 endif()
 
-file(GLOB KESTREL_VM_HELPERS CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/vm/helpers/*.c)
+file(GLOB KESTREL_VM_HELPERS CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/vm/helpers/*.c
+     ${KESTREL_ROOT}/bench/vm/*.c)
 foreach(helper_src ${KESTREL_VM_HELPERS})
   get_filename_component(helper ${helper_src} NAME_WE)
   add_executable(vm_helper_${helper} ${helper_src})

@@ -1,9 +1,17 @@
 # SPDX-License-Identifier: Apache-2.0
+# The programs the end-to-end tests run besides kestrel.
+
+# The compaction tests look for theirs in tests/compact/ of the build tree: compact_child holds
+# memory for kestrel to compact; compact_nosys runs kestrel as on a kernel without process_madvise.
+foreach(helper compact_child compact_nosys)
+  add_executable(${helper} ${CMAKE_CURRENT_SOURCE_DIR}/support/${helper}.cpp)
+  target_include_directories(${helper} PRIVATE ${KESTREL_ROOT})
+  set_target_properties(${helper} PROPERTIES
+    RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests/compact)
+endforeach()
+
 # The stand-in target of the malloc-debug tests.
 add_executable(kestrel_sigtarget ${CMAKE_CURRENT_SOURCE_DIR}/support/sigtarget.cpp)
-add_dependencies(kestrel_e2e_tests kestrel_sigtarget)
-target_compile_definitions(kestrel_e2e_tests PRIVATE
-  KESTREL_SIGTARGET="$<TARGET_FILE:kestrel_sigtarget>")
 
 # The allocator hook: the unit tests take its recorder and record texts; the end-to-end tests
 # preload the hook into the VM test's target program, built for the host with its functions in
@@ -17,7 +25,10 @@ if(KESTREL_SANITIZE)
   target_compile_options(kestrel_hook_target PRIVATE -fno-sanitize=all)
   target_link_options(kestrel_hook_target PRIVATE -fno-sanitize=all)
 endif()
-add_dependencies(kestrel_e2e_tests kestrel_hook_target kestrel-malloc-hook)
+
+add_dependencies(kestrel_e2e_tests compact_child compact_nosys kestrel_sigtarget kestrel_hook_target
+                 kestrel-malloc-hook)
 target_compile_definitions(kestrel_e2e_tests PRIVATE
+  KESTREL_SIGTARGET="$<TARGET_FILE:kestrel_sigtarget>"
   KESTREL_HOOK_TARGET="$<TARGET_FILE:kestrel_hook_target>"
   KESTREL_HOOK_LIBRARY="$<TARGET_FILE:kestrel-malloc-hook>")

@@ -1,0 +1,46 @@
+// SPDX-License-Identifier: Apache-2.0
+// Installs the build into a fresh prefix and uses what was installed: the wrapper must find the
+// installed simulator library and the installed kestrel (which must find libbase through its
+// install run path), and man must render the installed manual page without a warning. The
+// prefix lies where no build tree is within the wrapper's reach, so only the installed library
+// can answer.
+#include <sys/stat.h>
+
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/process.h"
+
+namespace kestrel_e2e {
+namespace {
+
+TEST(Install, GivesAWorkingKestrelAndManualPage) {
+  TempDir prefix;
+  const RunOptions plain = {.simulator = false, .env = {"DESTDIR="}};
+  Result r = run_program({KESTREL_CMAKE, "--install", KESTREL_BUILD_DIR, "--prefix", prefix.path()}, plain);
+  ASSERT_EQ(r.status, 0) << r.out << r.err;
+  ASSERT_EQ(r.err, "");
+  struct stat st;
+  for (const char* f : {"bin/kestrel", "bin/kestrel-sim", "lib/kestrel/libkestrel-sim.so", "share/man/man1/kestrel.1"}) {
+    EXPECT_EQ(stat(prefix.file(f).c_str(), &st), 0) << "the install lacks " << f;
+  }
+
+  r = run_program({prefix.file("bin/kestrel-sim"), "--", "kestrel", "version"}, plain);
+  EXPECT_EQ(r.out, "kestrel version 1.0\n");
+  EXPECT_EQ(r.err, "");
+  EXPECT_EQ(r.status, 0);
+
+  const Result man = run_program({"/bin/sh", "-c", "command -v man"}, plain);
+  if (man.status != 0) GTEST_SKIP() << "no man program to render the manual page with";
+  r = run_program({man.out.substr(0, man.out.find('\n')), "--warnings=mac,escape,font", "-l",
+                   prefix.file("share/man/man1/kestrel.1")},
+                  {.simulator = false, .env = {"LC_ALL=C", "MANWIDTH=80"}});
+  EXPECT_THAT(r.out, testing::ContainsRegex("NAME\n +kestrel - memory debugging tool"));
+  EXPECT_EQ(r.err, "");
+  EXPECT_EQ(r.status, 0);
+}
+
+}  // namespace
+}  // namespace kestrel_e2e
