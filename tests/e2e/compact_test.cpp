@@ -72,24 +72,26 @@ TEST(CompactPageOut, PidPagesOutTheFilePagesOfAProcess) {
   const std::string data(16 << 20, 'k');  // no zero page
   const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   unlink(path.c_str());
-  ASSERT_TRUE(fd >= 0 && write(fd, data.data(), data.size()) == ssize_t(data.size()) &&
-              fsync(fd) == 0) << path << ": " << strerror(errno);
+  ASSERT_GE(fd, 0) << path << ": " << strerror(errno);
+  const bool written =
+      write(fd, data.data(), data.size()) == ssize_t(data.size()) && fsync(fd) == 0;
   // Out of the page cache, the pages come back clean and mapped by this process only.
   posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
-  const char* area =
-      static_cast<const char*>(mmap(nullptr, data.size(), PROT_READ, MAP_PRIVATE, fd, 0));
+  void* const mapped =
+      written ? mmap(nullptr, data.size(), PROT_READ, MAP_PRIVATE, fd, 0) : MAP_FAILED;
   close(fd);
-  ASSERT_NE(area, MAP_FAILED);
+  ASSERT_NE(mapped, MAP_FAILED) << path << ": " << strerror(errno);
+  const char* const area = static_cast<const char*>(mapped);
   for (size_t at = 0; at < data.size(); at += 4096) EXPECT_EQ(area[at], 'k');
   const long before = status_kb("RssFile");
-  ASSERT_GE(before, 16 * 1024);
+  EXPECT_GE(before, 16 * 1024);
 
   const std::string self = std::to_string(getpid());
   const Result r = run_kestrel({"compact", "--pid", self, "--file"}, kNoSim);
   EXPECT_EQ(std::tuple(r.err, r.status), std::tuple("", 0));
   EXPECT_EQ(r.out.rfind("compact pid:" + self + " ", 0), 0u) << r.out;
   EXPECT_LE(status_kb("RssFile"), before - 12 * 1024) << "before " << before << " kB";
-  munmap(const_cast<char*>(area), data.size());
+  munmap(mapped, data.size());
 }
 
 // A walk over a sandbox's /proc of plain files, reclaim files included. The first eligible
