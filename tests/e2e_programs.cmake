@@ -1,14 +1,12 @@
 # SPDX-License-Identifier: Apache-2.0
 # The programs the end-to-end tests run besides kestrel.
 
-# The compaction tests look for theirs in tests/compact/ of the build tree: compact_child holds
-# memory for kestrel to compact; compact_nosys runs kestrel as on a kernel without process_madvise.
-foreach(helper compact_child compact_nosys)
-  add_executable(${helper} ${CMAKE_CURRENT_SOURCE_DIR}/support/${helper}.cpp)
-  target_include_directories(${helper} PRIVATE ${KESTREL_ROOT})
-  set_target_properties(${helper} PROPERTIES
-    RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests/compact)
-endforeach()
+# The compaction tests look in tests/compact/ of the build tree for compact_nosys, which runs
+# kestrel as on a kernel without process_madvise, and keep their files there.
+add_executable(compact_nosys ${CMAKE_CURRENT_SOURCE_DIR}/support/compact_nosys.cpp)
+target_include_directories(compact_nosys PRIVATE ${KESTREL_ROOT})
+set_target_properties(compact_nosys PROPERTIES
+  RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests/compact)
 
 # The stand-in target of the malloc-debug tests.
 add_executable(kestrel_sigtarget ${CMAKE_CURRENT_SOURCE_DIR}/support/sigtarget.cpp)
@@ -26,7 +24,7 @@ if(KESTREL_SANITIZE)
   target_link_options(kestrel_hook_target PRIVATE -fno-sanitize=all)
 endif()
 
-add_dependencies(kestrel_e2e_tests compact_child compact_nosys kestrel_sigtarget kestrel_hook_target
+add_dependencies(kestrel_e2e_tests compact_nosys kestrel_sigtarget kestrel_hook_target
                  kestrel-malloc-hook)
 target_compile_definitions(kestrel_e2e_tests PRIVATE
   KESTREL_SIGTARGET="$<TARGET_FILE:kestrel_sigtarget>"

@@ -106,8 +106,6 @@ TEST(Descriptors, EveryCommandKeepsOnlyTheDriver) {
       {{"meminfo", "-v"}, procs, 0, {kStream}},
       {{"meminfo", "-e", self}, procs, 0, {kStream}},
       {{"meminfo", "-p", "77"}, procs, 129, {kStream}},
-      // A pidfd is opened per process compacted; this test process lends its own memory.
-      {{"compact", "--pid", self, "--file"}, "", 0, {}},
       {{"utils", "--elf-align", elf}, "", 0, {}},
       {{"utils", "--elf-align", fifo}, "", 129, {},
        "fatal: " + fifo + " is not a valid elf file or file does not exit.\n"},

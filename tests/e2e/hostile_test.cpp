@@ -134,7 +134,8 @@ TEST(Hostile, LinksAndFifosPlantedInTheDaemonsTreeAreRefused) {
 
 // A FIFO with no writer blocks every read, and one with no reader the open of its writer: where
 // the tool expects a file it opens without waiting and refuses what is not a regular one. (The
-// daemon's logs meet theirs above, the ELF and configuration readers in descriptors_test.cpp.)
+// daemon's logs meet theirs above, the ELF and configuration readers in descriptors_test.cpp,
+// compact's reclaim file in compact_test.cpp.)
 TEST(Hostile, FifosInPlaceOfFilesAreRefusedWithoutWaiting) {
   KESTREL_REQUIRE_SANDBOX();
   {
@@ -152,22 +153,6 @@ TEST(Hostile, FifosInPlaceOfFilesAreRefusedWithoutWaiting) {
     static const std::regex kRefused(R"(\n[0-9: -]+ E kestrel-aging: dump_dmabuf_usage create file dmabuf_[0-9-]+\.txt failed\n)");
     const std::string log = box.read_file(kDaemon + "/log.txt");
     EXPECT_TRUE(std::regex_search(log, kRefused)) << log;
-  }
-  {
-    // On a kernel without process_madvise the kind goes to the reclaim file instead.
-    SCOPED_TRACE("reclaim");
-    Sandbox box;
-    const std::string pid = std::to_string(getpid()), entry = "/proc/" + pid;
-    box.write_file(entry + "/status", "Name:\tfixture\n");
-    box.write_file(entry + "/cmdline", std::string("init\0", 5));
-    box.write_file(entry + "/maps", "10000000-10001000 rw-p 00000000 fe:00 7 /lib/libc.so\n");
-    ASSERT_EQ(mkfifo(box.host_path(entry + "/reclaim").c_str(), 0666), 0);
-    Result r = box.run_program({std::string(KESTREL_BUILD_DIR) + "/tests/compact/compact_nosys", "--",
-                                kestrel_binary(), "compact", "--pid", pid},
-                               {.simulator = false});
-    ASSERT_NE(r.status, 77) << "the launcher could not set up: " << r.err;
-    r.out = std::regex_replace(r.out, std::regex("total [0-9.]+ ms"), "total <t> ms");
-    expect_result({"", {}, "", "compact pid:" + pid + " init\ndone: total <t> ms\n", "", 0}, r);
   }
 }
 

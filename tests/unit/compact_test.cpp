@@ -97,7 +97,6 @@ TEST_F(Compaction, BatchesFollowTheKernelLimitsAndAnswers) {
       {"RangesGoAtMost1024PerCall", many, 2500, {},
        {ranges_of(many, 0, 1024), ranges_of(many, 1024, 2048), ranges_of(many, 2048, 2500)},
        int64_t(2500 * kPage)},
-      {"OnlyTheFirstCountMappingsGo", three, 2, {}, {ranges_of(three, 0, 2)}, int64_t(3 * kPage)},
       {"NoMappingOpensNoPidfd", three, 0, {}, {}, 0},
       {"ExactlyTheLimitFillsOneCall", {mapping(a, kLimit), mapping(b, kPage)}, 2, {},
        {{{a, kLimit}}, {{b, kPage}}}, int64_t(kLimit + kPage)},
