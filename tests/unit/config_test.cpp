@@ -69,7 +69,6 @@ TEST(LoadConfig, ReadsTheTierSectionOverItsDefaultsOrFailsWithOneMessage) {
       {invalid, 2, {}, "error: invalid comp_algorithm value\n\n"},
       {invalid, 3, {}, "error: invalid direct_swappiness value\n\n"},
       {invalid, 4, {}, "error: invalid limit_size value\n\n"},
-      {invalid, 6, {}, "error: invalid limit_size value\n\n"},
   };
   for (const auto& c : cases) {
     Configure cfg;
