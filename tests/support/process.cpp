@@ -27,7 +27,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <optional>
 #include <sstream>
 
 #include "tests/support/sandbox.h"
@@ -98,8 +97,7 @@ std::string make_temp_dir(const char* prefix) {
 
 // The child's environment: ours without what would change the output or the simulator, then
 // TZ=UTC, the simulator with the scenario at `scenario_path` and the caller's entries.
-std::vector<std::string> child_env(const RunOptions& opts, const std::string& scenario_path,
-                                   bool leaks_off) {
+std::vector<std::string> child_env(const RunOptions& opts, const std::string& scenario_path) {
   static const char* const kDropped[] = {"LD_PRELOAD", "KESTREL_SIM_SCENARIO", "TZ", "COLUMNS",
                                          "LINES", "ASAN_OPTIONS"};
   std::vector<std::string> env;
@@ -112,7 +110,6 @@ std::vector<std::string> child_env(const RunOptions& opts, const std::string& sc
   // A sanitized kestrel would refuse a preloaded library ahead of its runtime.
   std::string asan = getenv("ASAN_OPTIONS") ? getenv("ASAN_OPTIONS") : "";
   asan += std::string(asan.empty() ? "" : ":") + "verify_asan_link_order=0";
-  if (leaks_off) asan += ":detect_leaks=0";
   env.push_back("ASAN_OPTIONS=" + asan);
   if (opts.simulator) env.push_back("LD_PRELOAD=" + simulator_library());
   if (opts.simulator && !scenario_path.empty()) env.push_back("KESTREL_SIM_SCENARIO=" + scenario_path);
@@ -182,7 +179,7 @@ struct SandboxPlan {
     if (chroot(root.c_str()) < 0) child_fail("chroot");
     if (chdir("/") < 0) child_fail("chdir");
     // Where the child cannot have its own entry, it runs without leak detection instead.
-    if (!own_entry || make_own_entry()) return;
+    if (own_entry && make_own_entry()) return;
     for (char*& e : env) {
       if (e != nullptr && strncmp(e, "ASAN_OPTIONS=", 13) == 0) e = asan_without_leaks.data();
     }
@@ -204,16 +201,14 @@ std::vector<char*> c_strings(std::vector<std::string>& strings) {
   return out;
 }
 
-// The parent's ends and the child's ends of its three standard streams.
+// The parent's ends and the child's ends of its standard output and error.
 struct Streams {
-  int in[2] = {-1, -1};
   int out[2] = {-1, -1};
   int err[2] = {-1, -1};
 };
 
 void open_streams(const RunOptions& opts, Streams* s) {
-  if (pipe2(s->in, O_CLOEXEC) < 0 || pipe2(s->err, O_CLOEXEC) < 0 ||
-      (!opts.pty && pipe2(s->out, O_CLOEXEC) < 0)) {
+  if (pipe2(s->err, O_CLOEXEC) < 0 || (!opts.pty && pipe2(s->out, O_CLOEXEC) < 0)) {
     harness_fail("pipe");
   }
   if (!opts.pty) return;
@@ -236,9 +231,10 @@ void open_streams(const RunOptions& opts, Streams* s) {
   } else {
     setpgid(0, 0);
   }
-  // Nothing of this test process but the three streams reaches the program.
+  // Nothing of this test process but the three streams reaches the program, which reads an
+  // empty standard input.
   close_range(3, ~0U, CLOSE_RANGE_CLOEXEC);
-  dup2(s.in[0], 0);
+  dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), 0);
   dup2(s.out[1], 1);
   dup2(s.err[1], 2);
   signal(SIGPIPE, SIG_DFL);
@@ -292,8 +288,6 @@ void collect(pid_t pid, int timeout_ms, int out, int err, Result* result) {
 
 Result launch(std::vector<std::string> argv, std::vector<std::string> env, const RunOptions& opts,
               SandboxPlan* sandbox) {
-  static const bool ignore_sigpipe = [] { return signal(SIGPIPE, SIG_IGN) != SIG_ERR; }();
-  (void)ignore_sigpipe;
   std::vector<char*> c_argv = c_strings(argv), c_env = c_strings(env);
   Result result;
   Streams s;
@@ -301,8 +295,6 @@ Result launch(std::vector<std::string> argv, std::vector<std::string> env, const
   pid_t pid = fork();
   if (pid < 0) harness_fail("fork");
   if (pid == 0) exec_child(opts, s, c_argv, c_env, sandbox);
-  close(s.in[0]);
-  close(s.in[1]);  // the child reads an empty standard input
   close(s.out[1]);
   close(s.err[1]);
   collect(pid, opts.timeout_ms, s.out[0], s.err[0], &result);
@@ -324,7 +316,7 @@ std::vector<std::string> kestrel_argv(const std::vector<std::string>& args) {
 Result run_program(const std::vector<std::string>& argv, const RunOptions& opts) {
   TempDir dir;
   const bool scenario = !opts.scenario.empty() && opts.simulator;
-  return launch(argv, child_env(opts, scenario ? dir.write("scenario", opts.scenario) : "", false), opts, nullptr);
+  return launch(argv, child_env(opts, scenario ? dir.write("scenario", opts.scenario) : ""), opts, nullptr);
 }
 
 Result run_kestrel(const std::vector<std::string>& args, const RunOptions& opts) {
@@ -351,26 +343,20 @@ Sandbox::Sandbox() : root_(make_temp_dir("kestrel-sandbox")) {
 Sandbox::~Sandbox() { remove_tree(root_); }
 
 bool Sandbox::Supported(std::string* why) {
-  static const std::optional<std::string> reason = []() -> std::optional<std::string> {
+  static const std::string reason = []() -> std::string {
     if (geteuid() != 0) return "sandbox needs root";
 #ifdef KESTREL_TESTS_UNDER_EMULATION
     // Under qemu-user the kernel sees the emulator, not kestrel (its /proc entries, its command
     // line, its system calls), so sandboxed runs are kept to native builds.
     return "sandbox runs are left out under qemu-user emulation";
 #endif
-    pid_t pid = fork();
-    if (pid == 0) {
-      if (unshare(CLONE_NEWNS) < 0) _exit(errno);
-      _exit(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) < 0 ? errno : 0);
-    }
-    int status = 0;
-    if (pid < 0 || waitpid(pid, &status, 0) < 0) return "sandbox: fork failed";
-    if (WIFEXITED(status) && WEXITSTATUS(status) == 0) return std::nullopt;
-    return std::string("sandbox: private mount namespace unavailable: ") +
-           strerror(WIFEXITED(status) ? WEXITSTATUS(status) : EPERM);
+    // A sandboxed run of nothing tells whether this machine lets us make the namespace and mounts.
+    Sandbox probe;
+    Result r = probe.run_program({"/bin/true"}, {.simulator = false});
+    return r.status == 0 ? "" : "sandbox unavailable: " + r.err.substr(0, r.err.find('\n'));
   }();
-  if (reason && why != nullptr) *why = *reason;
-  return !reason;
+  if (!reason.empty() && why != nullptr) *why = reason;
+  return reason.empty();
 }
 
 void Sandbox::write_file(const std::string& inside, const std::string& content, mode_t mode) {
@@ -432,7 +418,7 @@ Result Sandbox::run_program(const std::vector<std::string>& argv, const RunOptio
     scenario_path = "/tmp/.kestrel-sim-scenario";
     write_file(scenario_path, opts.scenario);
   }
-  std::vector<std::string> env = child_env(opts, scenario_path, !plan.own_entry);
+  std::vector<std::string> env = child_env(opts, scenario_path);
   for (const std::string& e : env) {
     if (e.starts_with("ASAN_OPTIONS=")) plan.asan_without_leaks = e + ":detect_leaks=0";
   }

@@ -26,7 +26,6 @@ class Sandbox {
   // True when this machine can run sandboxes (root, mount namespaces); else why not.
   static bool Supported(std::string* why);
 
-  const std::string& root() const { return root_; }
   std::string host_path(const std::string& inside) const { return root_ + inside; }
 
   void write_file(const std::string& inside, const std::string& content, mode_t mode = 0644);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Drives /dev/kestrel with bad input and under load, inside a test VM. Each
-// sub-command prints one vmcheck line: badinput, race SECONDS, walk SECONDS, held. (That a "cmd"
+// sub-command prints one vmcheck line: badinput, race SECONDS, walk SECONDS. (That a "cmd"
 // record needs root at write time, and only that tag, check-aging shows with the klog helper.)
 #define _GNU_SOURCE
 #include <errno.h>
@@ -15,7 +15,6 @@
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
-#include <sys/syscall.h>
 #include <sys/uio.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -133,7 +132,7 @@ static int check_badinput(void) {
   expect_errno(ioctl(fd, KESTREL_IOC_SIZE_MEMSTATS, edge), EFAULT, "records into the guard page");
 
   // A full table fills only the figures asked for and never writes past count. (That it lists
-  // every process in pid order, check-meminfo's meminfo-table and driver-walk show.)
+  // every process, check-meminfo's meminfo-table shows, and in pid order, driver-walk.)
   memset(t, 0xa5, FULL_TABLE_SIZE + 4 * sizeof(struct kestrel_proc_ms));
   t->flags = KESTREL_STAT_PID | KESTREL_STAT_COMM;
   t->count = KESTREL_MAX_COUNT;
@@ -380,19 +379,6 @@ static int check_walk(int seconds) {
   return report();
 }
 
-// A held descriptor keeps the module loaded.
-static int check_held(void) {
-  check_name = "driver-held";
-  int fd = open_dev(O_RDONLY);
-  if (fd < 0) return report();
-  errno = 0;
-  if (syscall(SYS_delete_module, "kestrel", O_NONBLOCK) == 0) fail("module unloaded while open");
-  else if (errno != EWOULDBLOCK && errno != EBUSY) fail("delete_module: %s", strerror(errno));
-  if (ioctl(fd, KESTREL_IOC_GET_VERSION, 0) < 0) fail("device gone after the refused unload");
-  close(fd);
-  return report();
-}
-
 int main(int argc, char **argv) {
   setvbuf(stdout, NULL, _IOLBF, 0);
   const char *what = argc >= 2 ? argv[1] : "";
@@ -400,7 +386,6 @@ int main(int argc, char **argv) {
   if (!strcmp(what, "badinput")) return check_badinput();
   if (!strcmp(what, "race") && seconds > 0) return check_race(seconds);
   if (!strcmp(what, "walk") && seconds > 0) return check_walk(seconds);
-  if (!strcmp(what, "held")) return check_held();
-  fprintf(stderr, "usage: driver_torture badinput|race SECONDS|walk SECONDS|held\n");
+  fprintf(stderr, "usage: driver_torture badinput|race SECONDS|walk SECONDS\n");
   return 2;
 }

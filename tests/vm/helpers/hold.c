@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // hold: holds a known amount of touched anonymous memory and then idles, so the guest checks can
 // compare kestrel's figures and compaction with what the kernel reports for a process at rest.
-// It can run under another uid, crowd the process table with idle children, and shape its
-// mapping the way the compaction checks need.
+//   hold [-u UID] [-c CHILDREN] [-g GAP_MIB] [-l] MIB
+// -u runs it (and its children) as UID; -c starts CHILDREN idle children that die with it; -g
+// leaves GAP_MIB untouched in front of the touched MIB in one mapping; -l locks one page in the
+// middle of the touched memory.
 #define _GNU_SOURCE
 #include <errno.h>
 #include <signal.h>
@@ -25,12 +27,7 @@ static void on_term(int sig)
 
 static void usage(void)
 {
-	fprintf(stderr,
-		"usage: hold [-u UID] [-c CHILDREN] [-g GAP_MIB] [-l] MIB\n"
-		"  -u  run as UID (children too)\n"
-		"  -c  start CHILDREN idle children that die with the parent\n"
-		"  -g  leave GAP_MIB untouched in front of the touched MIB in one mapping\n"
-		"  -l  lock one page in the middle of the touched memory\n");
+	fprintf(stderr, "usage: hold [-u UID] [-c CHILDREN] [-g GAP_MIB] [-l] MIB\n");
 	exit(2);
 }
 
