@@ -1,18 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // Descriptor report for the end-to-end tests, preloaded beside the driver simulator. With
-// KESTREL_FD_REPORT=<path> in its environment, the program writes to <path>, as it ends through
-// exit(), every descriptor above the standard streams it still holds, one line each in
-// descriptor order:
-//
-//   3 socket cloexec
-//   5 /data/tarvo/heapdump/kestrel/log.txt cloexec
-//
-// Sockets and pipes show just that, files their path; "cloexec" when the descriptor would not
-// reach a program started by exec. The harness starts programs with nothing open but their
-// standard streams, so every descriptor listed is one the program opened. The report is taken as
-// exit() is called, before static destructors run, or, when main returns instead, as this
-// library is unloaded. The variable is removed from the environment at start, so programs the
-// tool starts write no report of theirs.
+// KESTREL_FD_REPORT=<path> in its environment, the program writes to <path>, as it ends, every
+// descriptor above the standard streams it still holds, one line each ("3 socket cloexec",
+// "5 /data/tarvo/heapdump/kestrel/log.txt cloexec"). The harness starts programs with nothing
+// else open, so every descriptor listed is one the program opened. The report is taken as exit()
+// is called, before static destructors run, or, when main returns instead, as this library is
+// unloaded. The variable leaves the environment at start, so programs the tool starts report
+// nothing.
 #undef _FORTIFY_SOURCE
 #include <ctype.h>
 #include <dirent.h>
@@ -24,9 +18,7 @@
 #include <string.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <string>
-#include <vector>
 
 namespace kestrel_test {
 namespace {
@@ -36,21 +28,8 @@ namespace {
 const std::string* g_path = nullptr;
 pid_t g_pid = 0;
 
-// The descriptors above the standard streams open now, the listing's own left out, in order.
-std::vector<int> open_fds() {
-  std::vector<int> fds;
-  DIR* dir = opendir("/proc/self/fd");
-  if (dir == nullptr) return fds;
-  while (const dirent* e = readdir(dir)) {
-    const int fd = atoi(e->d_name);
-    if (fd > 2 && fd != dirfd(dir)) fds.push_back(fd);
-  }
-  closedir(dir);
-  std::sort(fds.begin(), fds.end());
-  return fds;
-}
-
-// "socket:[123]" and "pipe:[123]" lose the inode number, which changes from run to run.
+// Sockets and pipes show just that ("socket:[123]" loses the inode number, which changes from
+// run to run), files their path; "cloexec" when the descriptor would not reach an exec'd program.
 std::string describe(int fd) {
   char link[64], target[4096] = {};
   snprintf(link, sizeof(link), "/proc/self/fd/%d", fd);
@@ -62,14 +41,19 @@ std::string describe(int fd) {
 
 void write_report() {
   if (g_path == nullptr || getpid() != g_pid) return;
-  const std::string& path = *g_path;
   g_pid = 0;  // written once
   const int saved_errno = errno;
   std::string text;
-  for (int fd : open_fds()) text += std::to_string(fd) + " " + describe(fd) + "\n";
-  int out = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (DIR* dir = opendir("/proc/self/fd")) {
+    while (const dirent* e = readdir(dir)) {
+      const int fd = atoi(e->d_name);
+      if (fd > 2 && fd != dirfd(dir)) text += std::to_string(fd) + " " + describe(fd) + "\n";
+    }
+    closedir(dir);
+  }
+  int out = open(g_path->c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (out < 0 || write(out, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
-    std::string line = "fd report: cannot write " + path + ": " + strerror(errno) + "\n";
+    std::string line = "fd report: cannot write " + *g_path + ": " + strerror(errno) + "\n";
     (void)!write(2, line.data(), line.size());
   }
   if (out >= 0) close(out);

@@ -6,7 +6,6 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <limits.h>
 #include <poll.h>
 #include <pty.h>
 #include <sched.h>
@@ -16,7 +15,6 @@
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -34,6 +32,8 @@
 extern char** environ;
 
 namespace kestrel_e2e {
+
+namespace fs = std::filesystem;
 
 std::string kestrel_binary() { return KESTREL_BINARY; }
 std::string simulator_library() { return KESTREL_SIM_LIBRARY; }
@@ -64,29 +64,23 @@ namespace {
   _exit(127);
 }
 
-void make_dirs(const std::string& path) {
+// Makes `path` (a folder, with its parents) or, given `content`, a file with that content, with
+// the permissions of `mode` whatever the umask.
+void make_path(const std::string& path, mode_t mode, const std::string* content = nullptr) {
   std::error_code error;
-  if (!std::filesystem::create_directories(path, error) && error) harness_fail(path);
-}
-
-std::string parent_of(const std::string& path) { return path.substr(0, path.rfind('/')); }
-
-// Writes `content` to `path`, making its folders first.
-void write_text(const std::string& path, const std::string& content, mode_t mode) {
-  make_dirs(parent_of(path));
-  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
-  if (fd < 0 || write(fd, content.data(), content.size()) != static_cast<ssize_t>(content.size()) ||
-      fchmod(fd, mode) != 0) {
+  fs::create_directories(content ? fs::path(path).parent_path() : fs::path(path), error);
+  if (content != nullptr && !(std::ofstream(path, std::ios::binary) << *content << std::flush)) {
     harness_fail(path);
   }
-  close(fd);
+  fs::permissions(path, static_cast<fs::perms>(mode), error);
+  if (error) harness_fail(path);
 }
 
 // The sandbox's mounts live in its children's namespaces only: here its root is plain folders,
 // and links in it are removed, never followed.
 void remove_tree(const std::string& path) {
   std::error_code ignored;
-  std::filesystem::remove_all(path, ignored);
+  fs::remove_all(path, ignored);
 }
 
 std::string make_temp_dir(const char* prefix) {
@@ -121,72 +115,47 @@ std::vector<std::string> child_env(const RunOptions& opts, const std::string& sc
   return env;
 }
 
-// --- the sandbox, as the child enters it ---------------------------------------------------------
-
-// One bind mount of the sandbox: `source` appears read-only at `target` (a host path). Nothing
-// the tests run writes to the host's folders, nor to the real procfs bound among them.
-struct Bind {
-  std::string source;
-  std::string target;
-};
-
-// LeakSanitizer, at the exit of a sanitized program, stops its threads and finds them in
-// /proc/<pid>/task by number, not through /proc/self. So a fixture /proc gets the child's own
-// entry, a link to the real one; walks of /proc leave the program itself out. Runs in the child,
-// inside the sandbox. False when the fixture already has an entry of that number.
-bool make_own_entry() {
-  char entry[32], target[48];
-  snprintf(entry, sizeof(entry), "/proc/%d", getpid());
-  snprintf(target, sizeof(target), "/.realproc/%d", getpid());
-  return symlink(target, entry) == 0;
-}
-
-// Removes the link make_own_entry made for `pid` under the sandbox root, and nothing a fixture
-// put there.
-void remove_own_entry(const std::string& root, pid_t pid) {
-  const std::string entry = root + "/proc/" + std::to_string(pid);
-  char got[64] = {};
-  if (readlink(entry.c_str(), got, sizeof(got) - 1) > 0 && "/.realproc/" + std::to_string(pid) == got) {
-    unlink(entry.c_str());
-  }
-}
-
-// What a sandboxed child does between fork and exec (only system calls there).
+// What a sandboxed child does between fork and exec (only system calls there). Each bind mount
+// shows a host folder read-only at a path under the root: nothing the tests run writes to the
+// host's folders, nor to the real procfs bound among them.
 struct SandboxPlan {
   std::string root;
-  std::vector<Bind> binds;
+  std::vector<std::pair<std::string, std::string>> binds;  // source, target (a host path)
   bool own_entry = false;  // the child gets its entry of the real procfs
   std::string asan_without_leaks;
 
   void enter(std::vector<char*>& env) {
     if (unshare(CLONE_NEWNS) < 0) child_fail("unshare");
     if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) < 0) child_fail("mount private");
-    for (const Bind& b : binds) {
-      if (mount(b.source.c_str(), b.target.c_str(), nullptr, MS_BIND | MS_REC, nullptr) < 0) {
-        child_fail(b.source.c_str());
+    for (const auto& [source, target] : binds) {
+      if (mount(source.c_str(), target.c_str(), nullptr, MS_BIND | MS_REC, nullptr) < 0) {
+        child_fail(source.c_str());
       }
       // A read-only remount must keep the flags the original mount is locked with.
       struct statvfs st;
       unsigned long keep = 0;
-      if (statvfs(b.source.c_str(), &st) == 0) {
+      if (statvfs(source.c_str(), &st) == 0) {
         keep = st.f_flag & (ST_NOSUID | ST_NODEV | ST_NOEXEC | ST_NOATIME | ST_NODIRATIME | ST_RELATIME);
       }
-      if (mount(nullptr, b.target.c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY | keep,
-                nullptr) < 0) {
-        child_fail(b.target.c_str());
+      if (mount(nullptr, target.c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY | keep, nullptr) < 0) {
+        child_fail(target.c_str());
       }
     }
     if (chroot(root.c_str()) < 0) child_fail("chroot");
     if (chdir("/") < 0) child_fail("chdir");
-    // Where the child cannot have its own entry, it runs without leak detection instead.
-    if (own_entry && make_own_entry()) return;
+    // LeakSanitizer, at the exit of a sanitized program, stops its threads and finds them in
+    // /proc/<pid>/task by number, not through /proc/self. So the fixture /proc gets the child's
+    // own entry, a link to the real one; walks of /proc leave the program itself out. Where the
+    // fixture already has an entry of that number, the child runs without leak detection.
+    char entry[32], real[48];
+    snprintf(entry, sizeof(entry), "/proc/%d", getpid());
+    snprintf(real, sizeof(real), "/.realproc/%d", getpid());
+    if (own_entry && symlink(real, entry) == 0) return;
     for (char*& e : env) {
       if (e != nullptr && strncmp(e, "ASAN_OPTIONS=", 13) == 0) e = asan_without_leaks.data();
     }
   }
 };
-
-// --- running the child ---------------------------------------------------------------------------
 
 int64_t now_ms() {
   timespec ts;
@@ -199,48 +168,6 @@ std::vector<char*> c_strings(std::vector<std::string>& strings) {
   for (std::string& s : strings) out.push_back(s.data());
   out.push_back(nullptr);
   return out;
-}
-
-// The parent's ends and the child's ends of its standard output and error.
-struct Streams {
-  int out[2] = {-1, -1};
-  int err[2] = {-1, -1};
-};
-
-void open_streams(const RunOptions& opts, Streams* s) {
-  if (pipe2(s->err, O_CLOEXEC) < 0 || (!opts.pty && pipe2(s->out, O_CLOEXEC) < 0)) {
-    harness_fail("pipe");
-  }
-  if (!opts.pty) return;
-  winsize ws = {};
-  ws.ws_col = static_cast<unsigned short>(opts.pty_cols);
-  ws.ws_row = 24;
-  if (openpty(&s->out[0], &s->out[1], nullptr, nullptr, &ws) < 0) harness_fail("openpty");
-  // Plain "\n" line ends, so the output compares as text.
-  termios t;
-  tcgetattr(s->out[1], &t);
-  t.c_oflag &= ~(OPOST | ONLCR);
-  tcsetattr(s->out[1], TCSANOW, &t);
-}
-
-[[noreturn]] void exec_child(const RunOptions& opts, const Streams& s, std::vector<char*>& argv,
-                             std::vector<char*>& env, SandboxPlan* sandbox) {
-  if (opts.pty) {
-    setsid();
-    ioctl(s.out[1], TIOCSCTTY, 0);
-  } else {
-    setpgid(0, 0);
-  }
-  // Nothing of this test process but the three streams reaches the program, which reads an
-  // empty standard input.
-  close_range(3, ~0U, CLOSE_RANGE_CLOEXEC);
-  dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), 0);
-  dup2(s.out[1], 1);
-  dup2(s.err[1], 2);
-  signal(SIGPIPE, SIG_DFL);
-  if (sandbox != nullptr) sandbox->enter(env);
-  execve(argv[0], argv.data(), env.data());
-  child_fail(argv[0]);
 }
 
 // Collects the child's output until both streams end, killing the child (and what it started)
@@ -289,19 +216,47 @@ void collect(pid_t pid, int timeout_ms, int out, int err, Result* result) {
 Result launch(std::vector<std::string> argv, std::vector<std::string> env, const RunOptions& opts,
               SandboxPlan* sandbox) {
   std::vector<char*> c_argv = c_strings(argv), c_env = c_strings(env);
-  Result result;
-  Streams s;
-  open_streams(opts, &s);
+  // The parent's ends ([0]) and the child's ends ([1]) of its standard output and error.
+  int out[2], err[2];
+  if (pipe2(err, O_CLOEXEC) < 0 || (!opts.pty && pipe2(out, O_CLOEXEC) < 0)) harness_fail("pipe");
+  if (opts.pty) {
+    winsize ws = {.ws_row = 24, .ws_col = static_cast<unsigned short>(opts.pty_cols)};
+    termios raw = {};
+    cfmakeraw(&raw);  // plain "\n" line ends, so the output compares as text
+    if (openpty(&out[0], &out[1], nullptr, &raw, &ws) < 0) harness_fail("openpty");
+  }
   pid_t pid = fork();
   if (pid < 0) harness_fail("fork");
-  if (pid == 0) exec_child(opts, s, c_argv, c_env, sandbox);
-  close(s.out[1]);
-  close(s.err[1]);
-  collect(pid, opts.timeout_ms, s.out[0], s.err[0], &result);
+  if (pid == 0) {
+    if (opts.pty) {
+      setsid();
+      ioctl(out[1], TIOCSCTTY, 0);
+    } else {
+      setpgid(0, 0);
+    }
+    // Nothing of this test process but the three streams reaches the program, which reads an
+    // empty standard input.
+    close_range(3, ~0U, CLOSE_RANGE_CLOEXEC);
+    dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), 0);
+    dup2(out[1], 1);
+    dup2(err[1], 2);
+    signal(SIGPIPE, SIG_DFL);
+    if (sandbox != nullptr) sandbox->enter(c_env);
+    execve(c_argv[0], c_argv.data(), c_env.data());
+    child_fail(c_argv[0]);
+  }
+  close(out[1]);
+  close(err[1]);
+  Result result;
+  collect(pid, opts.timeout_ms, out[0], err[0], &result);
   int status = 0;
   TEMP_FAILURE_RETRY(waitpid(pid, &status, 0));
   result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  if (sandbox != nullptr && sandbox->own_entry) remove_own_entry(sandbox->root, pid);
+  // The child's link into the real procfs goes; a fixture's entry of that number is a folder,
+  // which unlink leaves.
+  if (sandbox != nullptr && sandbox->own_entry) {
+    unlink((sandbox->root + "/proc/" + std::to_string(pid)).c_str());
+  }
   return result;
 }
 
@@ -327,7 +282,7 @@ TempDir::TempDir() : path_(make_temp_dir("kestrel-test")) {}
 TempDir::~TempDir() { remove_tree(path_); }
 
 std::string TempDir::write(const std::string& name, const std::string& content) const {
-  write_text(file(name), content, 0644);
+  make_path(file(name), 0644, &content);
   return file(name);
 }
 
@@ -335,9 +290,20 @@ std::string TempDir::read(const std::string& name) const { return read_text(file
 
 // --- the sandbox -------------------------------------------------------------------------------
 
+// The host's system folders, shown in the sandbox at their own paths.
+static const char* const kHostTops[] = {"/usr", "/etc", "/dev", "/bin", "/sbin",
+                                        "/lib", "/lib32", "/lib64", "/libx32"};
+
+// The root's fixed layout; run_program adds the mount points. Merged-usr systems link /bin,
+// /lib... into /usr, and the root gets the same links.
 Sandbox::Sandbox() : root_(make_temp_dir("kestrel-sandbox")) {
   make_dir("/tmp", 01777);
-  make_dir("/proc");
+  for (const char* top : kHostTops) {
+    std::error_code error;
+    if (fs::is_symlink(top, error)) make_symlink(fs::read_symlink(top, error), top);
+  }
+  make_symlink("/.realproc/self", "/proc/self");
+  make_symlink("/.realproc/thread-self", "/proc/thread-self");
 }
 
 Sandbox::~Sandbox() { remove_tree(root_); }
@@ -360,23 +326,20 @@ bool Sandbox::Supported(std::string* why) {
 }
 
 void Sandbox::write_file(const std::string& inside, const std::string& content, mode_t mode) {
-  write_text(host_path(inside), content, mode);
+  make_path(host_path(inside), mode, &content);
 }
 
-void Sandbox::make_dir(const std::string& inside, mode_t mode) {
-  make_dirs(host_path(inside));
-  chmod(host_path(inside).c_str(), mode);
-}
+void Sandbox::make_dir(const std::string& inside, mode_t mode) { make_path(host_path(inside), mode); }
 
 void Sandbox::make_symlink(const std::string& target, const std::string& inside) {
-  make_dirs(parent_of(host_path(inside)));
-  unlink(host_path(inside).c_str());
-  if (symlink(target.c_str(), host_path(inside).c_str()) < 0) harness_fail(inside);
+  std::error_code error;
+  fs::create_directories(fs::path(host_path(inside)).parent_path(), error);
+  fs::remove(host_path(inside), error);
+  fs::create_symlink(target, host_path(inside), error);
+  if (error) harness_fail(inside);
 }
 
-std::string Sandbox::read_file(const std::string& inside) const {
-  return read_text(host_path(inside));
-}
+std::string Sandbox::read_file(const std::string& inside) const { return read_text(host_path(inside)); }
 
 Result Sandbox::run(const std::vector<std::string>& args, const RunOptions& opts) {
   return run_program(kestrel_argv(args), opts);
@@ -386,33 +349,20 @@ Result Sandbox::run_program(const std::vector<std::string>& argv, const RunOptio
   SandboxPlan plan;
   plan.root = root_;
   auto bind = [&](const std::string& source, const std::string& inside) {
-    make_dirs(host_path(inside));
-    plan.binds.push_back({source, host_path(inside)});
+    make_dir(inside);
+    plan.binds.emplace_back(source, host_path(inside));
   };
-  for (const char* top : {"/usr", "/etc", "/dev"}) bind(top, top);
-  // Merged-usr systems link /bin, /lib, ... into /usr; older ones have real folders.
-  for (const char* top : {"/bin", "/sbin", "/lib", "/lib32", "/lib64", "/libx32"}) {
-    struct stat st;
-    if (lstat(top, &st) < 0) continue;
-    if (S_ISLNK(st.st_mode)) {
-      char target[PATH_MAX] = {};
-      if (readlink(top, target, sizeof(target) - 1) > 0) make_symlink(target, top);
-    } else if (S_ISDIR(st.st_mode)) {
-      bind(top, top);
-    }
+  for (const char* top : kHostTops) {
+    std::error_code error;
+    if (!fs::is_symlink(top, error) && fs::is_directory(top, error)) bind(top, top);
   }
+  bind("/proc", "/.realproc");
   bind(KESTREL_SOURCE_DIR, KESTREL_SOURCE_DIR);
   std::string build = KESTREL_BUILD_DIR, source = KESTREL_SOURCE_DIR;
   if (build.compare(0, source.size() + 1, source + "/") != 0) bind(build, build);
   // Other programs may lay out their own entry in /proc; a kestrel they start is not checked
   // for leaks.
   plan.own_entry = !argv.empty() && argv[0] == kestrel_binary();
-  bind("/proc", "/.realproc");
-  for (const char* link : {"self", "thread-self"}) {
-    struct stat st;
-    std::string inside = std::string("/proc/") + link;
-    if (lstat(host_path(inside).c_str(), &st) < 0) make_symlink(std::string("/.realproc/") + link, inside);
-  }
   std::string scenario_path;
   if (opts.simulator && !opts.scenario.empty()) {
     scenario_path = "/tmp/.kestrel-sim-scenario";

@@ -5,8 +5,6 @@
 // the sandbox of sandbox.h, which launches its children the same way.
 #pragma once
 
-#include <sys/types.h>
-
 #include <string>
 #include <vector>
 
