@@ -90,28 +90,26 @@ std::string make_temp_dir(const char* prefix) {
 }
 
 // The child's environment: ours without what would change the output or the simulator, then
-// TZ=UTC, the simulator with the scenario at `scenario_path` and the caller's entries.
+// TZ=UTC, the simulator with the scenario at `scenario_path` and the caller's entries, each
+// replacing ours of its name.
 std::vector<std::string> child_env(const RunOptions& opts, const std::string& scenario_path) {
-  static const char* const kDropped[] = {"LD_PRELOAD", "KESTREL_SIM_SCENARIO", "TZ", "COLUMNS",
-                                         "LINES", "ASAN_OPTIONS"};
   std::vector<std::string> env;
-  for (char** e = environ; *e != nullptr; e++) {
-    std::string entry = *e;
-    std::string name = entry.substr(0, entry.find('='));
-    if (std::find(std::begin(kDropped), std::end(kDropped), name) == std::end(kDropped)) env.push_back(entry);
-  }
-  env.push_back("TZ=UTC");
+  for (char** e = environ; *e != nullptr; e++) env.push_back(*e);
+  auto unset = [&](const std::string& name) {
+    std::erase_if(env, [&](const std::string& e) { return e.starts_with(name + "="); });
+  };
+  for (const char* name : {"LD_PRELOAD", "KESTREL_SIM_SCENARIO", "COLUMNS", "LINES"}) unset(name);
+  auto set = [&](const std::string& entry) {
+    unset(entry.substr(0, entry.find('=')));
+    env.push_back(entry);
+  };
+  set("TZ=UTC");
   // A sanitized kestrel would refuse a preloaded library ahead of its runtime.
   std::string asan = getenv("ASAN_OPTIONS") ? getenv("ASAN_OPTIONS") : "";
-  asan += std::string(asan.empty() ? "" : ":") + "verify_asan_link_order=0";
-  env.push_back("ASAN_OPTIONS=" + asan);
-  if (opts.simulator) env.push_back("LD_PRELOAD=" + simulator_library());
-  if (opts.simulator && !scenario_path.empty()) env.push_back("KESTREL_SIM_SCENARIO=" + scenario_path);
-  for (const std::string& extra : opts.env) {
-    std::string prefix = extra.substr(0, extra.find('=') + 1);
-    std::erase_if(env, [&](const std::string& e) { return e.compare(0, prefix.size(), prefix) == 0; });
-    env.push_back(extra);
-  }
+  set("ASAN_OPTIONS=" + asan + (asan.empty() ? "" : ":") + "verify_asan_link_order=0");
+  if (opts.simulator) set("LD_PRELOAD=" + simulator_library());
+  if (opts.simulator && !scenario_path.empty()) set("KESTREL_SIM_SCENARIO=" + scenario_path);
+  for (const std::string& extra : opts.env) set(extra);
   return env;
 }
 

@@ -6,9 +6,6 @@
 
 #include <sys/types.h>
 
-#include <string>
-#include <vector>
-
 #include "tests/support/process.h"
 
 namespace kestrel_e2e {
