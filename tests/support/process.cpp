@@ -19,10 +19,10 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <termios.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -155,12 +155,6 @@ struct SandboxPlan {
   }
 };
 
-int64_t now_ms() {
-  timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return ts.tv_sec * 1000LL + ts.tv_nsec / 1000000;
-}
-
 std::vector<char*> c_strings(std::vector<std::string>& strings) {
   std::vector<char*> out;
   for (std::string& s : strings) out.push_back(s.data());
@@ -174,11 +168,12 @@ void collect(pid_t pid, int timeout_ms, int out, int err, Result* result) {
   const int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
   std::string* sinks[] = {&result->out, &result->err};
   int readers[] = {out, err};
-  int64_t deadline = now_ms() + timeout_ms;
+  using Clock = std::chrono::steady_clock;
+  Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
   bool exited = false;
   while (readers[0] >= 0 || readers[1] >= 0) {
     pollfd fds[3] = {{readers[0], POLLIN, 0}, {readers[1], POLLIN, 0}, {exited ? -1 : pidfd, POLLIN, 0}};
-    int64_t left = deadline - now_ms();
+    int64_t left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
     if (left <= 0) {
       // Out of time (or, after the child ended, a descendant still holds the output open).
       if (!exited) result->timed_out = true;
@@ -202,7 +197,7 @@ void collect(pid_t pid, int timeout_ms, int out, int err, Result* result) {
       exited = true;
       // Leftover helpers of the child go with it; their output is still collected.
       kill(-pid, SIGKILL);
-      deadline = std::min(deadline, now_ms() + 2000);
+      deadline = std::min(deadline, Clock::now() + std::chrono::seconds(2));
     }
   }
   for (int r : readers) {
