@@ -149,15 +149,18 @@ static int check_badinput(void) {
   payload[KESTREL_LOG_MAX_PAYLOAD] = 0;
   static char rec[KESTREL_LOG_MAX_RECORD + 16];
 
+  struct kestrel_scene scene2 = {0, 2, 0}, scene_max = {0, UINT64_MAX, 0}, reserved_set = {1, 0, 0};
+  struct kestrel_proc_pid_ms unknown_pid = {.flags = KESTREL_STAT_ALL, .pid = 0x3fffffff};
+  struct kestrel_proc_pid_ms no_flag = {.flags = 0, .pid = getpid()};
   const struct step steps[] = {
       {IOCTL, 0xFB04, NULL, 0, 0, -1, ENOTTY, "unknown request 0xFB04"},
       {IOCTL, 0xFA04, NULL, 0, 0, -1, ENOTTY, "unknown request 0xFA04"},
-      {IOCTL, KESTREL_IOC_SET_SCENE, &(struct kestrel_scene){0, 2, 0}, 0, 0, -1, EINVAL, "scene 2 (only 0 and 1 exist)"},
-      {IOCTL, KESTREL_IOC_SET_SCENE, &(struct kestrel_scene){0, UINT64_MAX, 0}, 0, 0, -1, EINVAL, "scene 2^64-1"},
-      {IOCTL, KESTREL_IOC_SET_SCENE, &(struct kestrel_scene){1, 0, 0}, 0, 0, -1, EINVAL, "scene with a reserved word set"},
+      {IOCTL, KESTREL_IOC_SET_SCENE, &scene2, 0, 0, -1, EINVAL, "scene 2 (only 0 and 1 exist)"},
+      {IOCTL, KESTREL_IOC_SET_SCENE, &scene_max, 0, 0, -1, EINVAL, "scene 2^64-1"},
+      {IOCTL, KESTREL_IOC_SET_SCENE, &reserved_set, 0, 0, -1, EINVAL, "scene with a reserved word set"},
       {IOCTL, KESTREL_IOC_SET_SCENE, unmapped, 0, 0, -1, EFAULT, "scene at unmapped address"},
-      {IOCTL, KESTREL_IOC_PID_MEMSTAT, &(struct kestrel_proc_pid_ms){.flags = KESTREL_STAT_ALL, .pid = 0x3fffffff}, 0, 0, -1, ESRCH, "unknown pid"},
-      {IOCTL, KESTREL_IOC_PID_MEMSTAT, &(struct kestrel_proc_pid_ms){.flags = 0, .pid = getpid()}, 0, 0, -1, EINVAL, "pid request without a flag"},
+      {IOCTL, KESTREL_IOC_PID_MEMSTAT, &unknown_pid, 0, 0, -1, ESRCH, "unknown pid"},
+      {IOCTL, KESTREL_IOC_PID_MEMSTAT, &no_flag, 0, 0, -1, EINVAL, "pid request without a flag"},
       {IOCTL, KESTREL_IOC_PID_MEMSTAT, unmapped, 0, 0, -1, EFAULT, "pid request at unmapped address"},
       {IOCTL, KESTREL_IOC_SIZE_MEMSTATS, unmapped, 0, 0, -1, EFAULT, "size table at unmapped address"},
       {IOCTL, KESTREL_IOC_UID_MEMSTATS, unmapped, 0, 0, -1, EFAULT, "uid table at unmapped address"},
@@ -285,10 +288,11 @@ static void *reader(void *arg) {
   const int index = (int)(intptr_t)arg, fd = reader_fd[index];
   long next[WRITERS] = {0};
   char rec[KESTREL_LOG_MAX_RECORD];
-  for (int idle = 0; !(writers_done && consumed[index] == total_written) && idle <= 50;) {
+  int idle = 0;
+  while (!__atomic_load_n(&writers_done, __ATOMIC_ACQUIRE) || consumed[index] != total_written) {
     struct pollfd p = {fd, POLLIN, 0};
     if (poll(&p, 1, 100) <= 0) {
-      idle += writers_done;
+      if (writers_done && ++idle > 50) break;
       continue;
     }
     ssize_t n = read(fd, rec, sizeof rec);
@@ -298,7 +302,8 @@ static void *reader(void *arg) {
     }
     if (check_record(rec, n, next, 0) >= 0) __atomic_add_fetch(&consumed[index], 1, __ATOMIC_RELEASE);
   }
-  if (consumed[index] != total_written) fail("reader %d got %ld of %ld records", index, consumed[index], total_written);
+  if (consumed[index] != total_written)
+    fail("reader %d got %ld of %ld records", index, consumed[index], total_written);
   return NULL;
 }
 
