@@ -51,14 +51,14 @@ static int report(void) {
   return failure[0] != 0;
 }
 
+// Every descriptor here is non-blocking: readers poll, and a drain or an empty read must not wait.
 static int open_dev(int flags) {
   int fd = open(DEV, flags | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) fail("open %s: %s", DEV, strerror(errno));
   return fd;
 }
 
-// Every descriptor here is non-blocking. Reads away what the log holds, so that a check sees
-// only its own records.
+// Reads away what the log holds, so that a check sees only its own records.
 static void drain(int fd) {
   char buf[KESTREL_LOG_MAX_RECORD];
   while (read(fd, buf, sizeof buf) > 0) {
