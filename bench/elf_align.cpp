@@ -29,6 +29,7 @@
 #include <benchmark/benchmark.h>
 #include <elf.h>
 
+#include "bench/ratio.h"
 #include "libelf64/align.h"
 
 namespace {
@@ -145,18 +146,6 @@ void BM_BareRead(benchmark::State& state) {
   state.counters["bytes"] = bytes;
 }
 
-// Keeps each benchmark's time per iteration so the ratios can be printed after the table.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& run : runs) {
-      if (!run.error_occurred) times[run.run_name.function_name] = run.GetAdjustedRealTime();
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-  std::map<std::string, double> times;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -174,14 +163,15 @@ int main(int argc, char** argv) {
   benchmark::RegisterBenchmark("BM_BareRead", BM_BareRead)->Iterations(5)->Unit(benchmark::kMillisecond);
   benchmark::RegisterBenchmark("BM_ScriptReadelfBatched", BM_ScriptReadelfBatched)->Iterations(2)->Unit(benchmark::kMillisecond);
   benchmark::RegisterBenchmark("BM_ScriptReadelfPerFile", BM_ScriptReadelfPerFile)->Iterations(1)->Unit(benchmark::kMillisecond);
-  RatioReporter reporter;
+  // The scripts' time is spent in the programs they start.
+  RatioReporter reporter(RatioReporter::kRealTime);
   benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();
 
-  auto& t = reporter.times;
+  const auto& t = reporter.times();
   auto ratio = [&](const char* what, const char* num, const char* den, const char* target) {
-    if (t.count(num) && t.count(den) && t[den] > 0) {
-      printf("%-40s %6.2fx   (%s)\n", what, t[num] / t[den], target);
+    if (t.count(num) && t.count(den) && t.at(den) > 0) {
+      printf("%-40s %6.2fx   (%s)\n", what, t.at(num) / t.at(den), target);
     }
   };
   printf("\nscan of %s\n", g_dir.c_str());

@@ -108,7 +108,7 @@ int main(int argc, char** argv) {
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
-  print_ratios(reporter.ns());
+  print_ratios(reporter.times());
   benchmark::Shutdown();
   return 0;
 }

@@ -56,7 +56,7 @@ int main(int argc, char** argv) {
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
-  print_ratio(reporter.ns());
+  print_ratio(reporter.times());
   benchmark::Shutdown();
   return 0;
 }
