@@ -64,9 +64,7 @@ static void* churn_thread(void* arg) {
 
 static void storm(void) {
   pthread_t threads[4];
-  for (int i = 0; i < 4; ++i) {
-    pthread_create(&threads[i], NULL, churn_thread, (void*)(uintptr_t)(i + 1));
-  }
+  for (int i = 0; i < 4; ++i) pthread_create(&threads[i], NULL, churn_thread, (void*)(uintptr_t)(i + 1));
   for (int i = 0; i < 50; ++i) {
     pid_t child = fork();
     if (child == 0) {

@@ -2,15 +2,14 @@
 // klog: writes one record to the kestrel driver's log, as a program on the device would:
 //   klog [-u UID] PRIORITY TAG TEXT
 // With -u the device is opened as root and the process then drops to UID (losing every
-// capability) before it writes on that same descriptor. Prints its pid, its tid and the clock
-// just before and just after the write, so a check can rebuild the line the logger prints.
+// capability) before it writes on that same descriptor. Prints its pid (its one thread's id too)
+// and the clock just before and just after the write, so a check can rebuild the logger's line.
 #define _GNU_SOURCE
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -29,15 +28,21 @@ static void print_time(const char *label)
 int main(int argc, char **argv)
 {
 	long uid = -1;
-	int opt;
+	char payload[4096];
+	int len = 0;
 
-	while ((opt = getopt(argc, argv, "u:")) != -1) {
-		if (opt != 'u')
-			goto bad;
-		uid = strtol(optarg, NULL, 10);
+	if (argc == 6 && strcmp(argv[1], "-u") == 0) {
+		uid = strtol(argv[2], NULL, 10);
+		argv += 2;
+		argc -= 2;
 	}
-	if (optind != argc - 3)
-		goto bad;
+	// The record's payload: priority byte, tag, NUL, message, NUL (the one snprintf ends with).
+	if (argc == 4)
+		len = snprintf(payload, sizeof(payload), "%c%s%c%s", atoi(argv[1]), argv[2], 0, argv[3]) + 1;
+	if (len == 0 || len > (int)sizeof(payload)) {
+		fprintf(stderr, "usage: klog [-u UID] PRIORITY TAG TEXT (under 4 KiB)\n");
+		return 2;
+	}
 
 	const int fd = open("/dev/kestrel", O_WRONLY | O_CLOEXEC);
 	if (fd < 0) {
@@ -48,30 +53,14 @@ int main(int argc, char **argv)
 		printf("setresuid: %s\n", strerror(errno));
 		return 1;
 	}
-
-	// The record's payload: priority byte, tag, NUL, message, NUL.
-	const char *tag = argv[optind + 1], *text = argv[optind + 2];
-	const size_t tag_len = strlen(tag) + 1, text_len = strlen(text) + 1;
-	char *payload = malloc(1 + tag_len + text_len);
-	if (payload == NULL)
-		return 1;
-	payload[0] = (char)atoi(argv[optind]);
-	memcpy(payload + 1, tag, tag_len);
-	memcpy(payload + 1 + tag_len, text, text_len);
-
 	print_time("before");
-	const ssize_t n = write(fd, payload, 1 + tag_len + text_len);
+	const ssize_t n = write(fd, payload, len);
 	const int saved = errno;
 	print_time("after");
 	if (n < 0) {
 		printf("write: %s\n", strerrorname_np(saved));
 		return 1;
 	}
-	printf("wrote %zd\npid %d\ntid %ld\n", n, (int)getpid(), (long)syscall(SYS_gettid));
-	free(payload);
-	close(fd);
+	printf("wrote %zd\npid %d\n", n, (int)getpid());
 	return 0;
-bad:
-	fprintf(stderr, "usage: klog [-u UID] PRIORITY TAG TEXT\n");
-	return 2;
 }
