@@ -50,11 +50,11 @@ TEST(AgingDaemon, RunsMonitorsRelaysRecordsAndEndsWithTheStream) {
   if (!kestrel_e2e::run_program({"/bin/sh", "-c", ":"}).err.empty()) {
     GTEST_SKIP() << "the shell of cmd records cannot preload the simulator (a host /bin/sh under qemu-user)";
   }
-  // earlier: a line an earlier run left in both logs ("": no earlier run); tree: the heapdump
-  // folder afterwards, new entries with their modes under umask 0; monitor_log: log.txt after
-  // the meminfo figures, before the records.
+  // debug_enable: kmalloc_debug_enable before the start; earlier: a line an earlier run left in
+  // both logs ("": no earlier run); tree: the heapdump folder afterwards, new entries with their
+  // modes under umask 0; monitor_log: log.txt after the meminfo figures, before the records.
   const struct {
-    const char *name, *debug_enable;  // kmalloc_debug_enable before the start
+    const char *name, *debug_enable;
     bool dma_buf;
     const char *earlier, *tree, *monitor_log;
   } cases[] = {

@@ -18,13 +18,11 @@ TEST(LoggerCommand, PrintsEveryRecordUntilTheStreamEnds) {
   const std::string log = "log pid=1 tid=1 prio=4 sec=97445 nsec=6000000 ";
   const Case cases[] = {
       {"log pid=1 tid=1 prio=3 sec=0 nsec=0 tag=init msg=boot\n"
-       "log pid=20011 tid=20042 prio=6 sec=97445 nsec=999999999 tag=ActivityManager msg=low\\n\\nmem\n"
-       "log pid=1 tid=7 prio=2 sec=97446 nsec=1000000 tag=init msg=tab\\there\n",
+       "log pid=20011 tid=20042 prio=6 sec=97445 nsec=999999999 tag=ActivityManager msg=low\\n\\nmem\n",
        "01-01 00:00:00.000     1     1 D init    :boot\n"
        "01-02 03:04:05.999 20011 20042 E ActivityManager:low\n"
        "01-02 03:04:05.999 20011 20042 E ActivityManager:\n"
-       "01-02 03:04:05.999 20011 20042 E ActivityManager:mem\n"
-       "01-02 03:04:06.001     1     7 V init    :tab\there\n",
+       "01-02 03:04:05.999 20011 20042 E ActivityManager:mem\n",
        eof},
       // Malformed and empty records print nothing and the stream goes on.
       {log + "raw=046b6573\n" + log + "tag=kestrel msg=\n" + log + "tag=kestrel msg=after\n",

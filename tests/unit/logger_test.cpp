@@ -21,8 +21,7 @@ using namespace tarvo::kestrel::logger;
 
 namespace {
 
-// 1970-01-02 03:04:05.006 UTC.
-constexpr int64_t kSec = 97445;
+// The header of every record `fill` makes: 1970-01-02 03:04:05.006 UTC, pid 1234, tid 1240.
 constexpr char kHeader[] = "01-02 03:04:05.006  1234  1240 I kestrel :";
 
 const bool kUtc = (setenv("TZ", "UTC", 1), tzset(), true);
@@ -36,7 +35,7 @@ std::string payload(int priority, const std::string& tag, const std::string& mes
 void fill(RecordBuffer* buf, const std::string& payload) {
   memset(buf->bytes, 0xee, sizeof(buf->bytes));
   *buf->entry() = {.len = static_cast<uint16_t>(payload.size()), .pid = 1234, .tid = 1240,
-                   .sec = kSec, .nsec = 6000000};
+                   .sec = 97445, .nsec = 6000000};
   memcpy(buf->entry()->msg, payload.data(), payload.size());
   buf->entry()->msg[payload.size()] = '\0';
 }
@@ -61,6 +60,7 @@ TEST(Logger, PrintsEachMessageLineBehindItsHeader) {
   }
   const std::string at = "01-02 03:04:05.006  1234  1240 ";
   const Case cases[] = {
+      {2, "kestrel", "m", at + "V kestrel :m\n"},
       {8, "kestrel", "m", at + "S kestrel :m\n"},
       {1, "kestrel", "m", at + "? kestrel :m\n"},
       {9, "kestrel", "m", at + "? kestrel :m\n"},

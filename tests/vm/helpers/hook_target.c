@@ -3,7 +3,8 @@
 // allocates from two call sites with known totals, site_a 3 x 40000 bytes (grown by realloc from
 // 1000) and site_b 5 x 7000 bytes (calloc), keeps them, writes "allocated" and idles for ever.
 // With the argument "storm" it first runs threads that allocate and free through every
-// allocation function while the main thread forks children that allocate too.
+// allocation function while the main thread forks children that allocate too. The main thread
+// takes SIGUSR1 with sigwait: every other thread blocks it (the hook's worker blocks all).
 #define _GNU_SOURCE
 #include <malloc.h>
 #include <pthread.h>
@@ -15,7 +16,6 @@
 #include <unistd.h>
 
 static void* kept[8];
-static volatile sig_atomic_t go;
 
 static void say(const char* line) {
   if (write(STDOUT_FILENO, line, strlen(line)) < 0) _exit(3);
@@ -80,19 +80,14 @@ static void storm(void) {
   for (int i = 0; i < 4; ++i) pthread_join(threads[i], NULL);
 }
 
-static void on_usr1(int sig) {
-  (void)sig;
-  go = 1;
-}
-
 int main(int argc, char** argv) {
-  sigset_t usr1, old;
+  sigset_t usr1;
   sigemptyset(&usr1);
   sigaddset(&usr1, SIGUSR1);
-  sigprocmask(SIG_BLOCK, &usr1, &old);
-  signal(SIGUSR1, on_usr1);
+  sigprocmask(SIG_BLOCK, &usr1, NULL);  // the storm's threads inherit it
   say("ready\n");
-  while (!go) sigsuspend(&old);
+  int sig;
+  sigwait(&usr1, &sig);
   if (argc > 1 && strcmp(argv[1], "storm") == 0) storm();
   site_a();
   site_b();

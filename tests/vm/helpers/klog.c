@@ -25,6 +25,13 @@ static void print_time(const char *label)
 	printf("%s %s.%03ld\n", label, text, ts.tv_nsec / 1000000);
 }
 
+// Prints what failed with the error's name (EPERM, ...) for a check to match.
+static int fail(const char *what, int err)
+{
+	printf("%s: %s\n", what, strerrorname_np(err));
+	return 1;
+}
+
 int main(int argc, char **argv)
 {
 	long uid = -1;
@@ -45,22 +52,16 @@ int main(int argc, char **argv)
 	}
 
 	const int fd = open("/dev/kestrel", O_WRONLY | O_CLOEXEC);
-	if (fd < 0) {
-		printf("open: %s\n", strerror(errno));
-		return 1;
-	}
-	if (uid >= 0 && (setresgid(uid, uid, uid) != 0 || setresuid(uid, uid, uid) != 0)) {
-		printf("setresuid: %s\n", strerror(errno));
-		return 1;
-	}
+	if (fd < 0)
+		return fail("open", errno);
+	if (uid >= 0 && (setresgid(uid, uid, uid) != 0 || setresuid(uid, uid, uid) != 0))
+		return fail("setresuid", errno);
 	print_time("before");
 	const ssize_t n = write(fd, payload, len);
 	const int saved = errno;
 	print_time("after");
-	if (n < 0) {
-		printf("write: %s\n", strerrorname_np(saved));
-		return 1;
-	}
+	if (n < 0)
+		return fail("write", saved);
 	printf("wrote %zd\npid %d\n", n, (int)getpid());
 	return 0;
 }
