@@ -68,7 +68,6 @@ TEST(Meminfo, ColumnGroupsAndTerminalWidth) {
       {{"-f", "-p", "4200001"}, "  fds dma-buf  ashmem \n  412     800     400 \n"},
       {{"-v", "-p", "4200001"}, "    pss   JHeap   NHeap \n 160000   20000   24000 \n"},
       {{"-e", "-m", "-p", "4200001"}, "    gpu cmdline\n   1200 N/A\n"},
-      {{"-e", "-p", "4200001"}, kAllHeader + "cmdline\n" + kAllFirst + "N/A\n"},
       {{},
        kAllHeader + "comm\n" + kAllFirst + "system_server\n" +
            " Y 10057 4200002 4200001   905    88 17179869180   48000   32000     160       0   "
@@ -85,7 +84,7 @@ TEST(Meminfo, ColumnGroupsAndTerminalWidth) {
   });
 }
 
-// A positional pid wins over -p and -u, -p over -u; -p 0 means no pid. The timing line follows
+// A positional pid wins over -p and -u, -p over -u. The timing line follows
 // the table after an empty line; the struct size is the request buffer: one proc_pid_ms, or a
 // table of 400 records.
 TEST(Meminfo, PidUidAndSystemChoiceAndBenchmarkLine) {
@@ -95,7 +94,6 @@ TEST(Meminfo, PidUidAndSystemChoiceAndBenchmarkLine) {
       {{"-c", "-u", "1000", "4200002"}, kCommonHeader + kCommonSecond},
       {{"-c", "-p", "4200001", "4200002"}, kCommonHeader + kCommonSecond},
       {{"-c", "-u", "10057"}, kCommonHeader + kCommonSecond},
-      {{"-c", "-p", "0"}, kCommonHeader + kCommonFirst + kCommonSecond},
       {{"-c"}, kCommonHeader + kCommonFirst + kCommonSecond, "", 0, "eintr 0xFB02\n" + kTwoProcs},
       {{"-b", "-m", "-p", "4200001"}, "    gpu \n   1200 \n" + timing + "92 bytes\n"},
       {{"-b", "-m"}, "    gpu \n   1200 \n   4096 \n" + timing + "33600 bytes\n"},

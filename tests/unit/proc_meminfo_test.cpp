@@ -20,11 +20,9 @@ TEST(MeminfoParse, LineRules) {
   } cases[] = {
       {"MemFree: 10 kB\nMemFree: 20 kB\n", true, 20},
       {"\n\n   MemFree:     77   kB\n\n", true, 77},
-      {"MemFree: 12abc\n", true, 12},
       {"Zswap: none\nMemFree: 3 kB\n", true, 3},  // an unknown word is skipped with its number
       {"memfree: 9 kB\nMemFree 9 kB\n", true, 0},  // keys match exactly, colon included
       {"MemFree: 3 kB\nHugePages\n", false, 3},
-      {"MemFree: 3 kB\n   \n", false, 3},
       {"MemFree: kB\n", false, 0},
   };
   for (const auto& c : cases) {

@@ -67,6 +67,7 @@ const UtilCase kCases[] = {
      "trace\nopen O_WRONLY\nopen O_WRONLY\n"},
 };
 
+// ctest lists each case with what this prints; without it, the bytes of the struct.
 void PrintTo(const UtilCase& c, std::ostream* os) { *os << c.name; }
 
 // Runs in the fresh process: the calls, then the log and the trace, on standard error.

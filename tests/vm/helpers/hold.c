@@ -25,12 +25,6 @@ static void on_term(int sig)
 	stopping = 1;
 }
 
-static void usage(void)
-{
-	fprintf(stderr, "usage: hold [-u UID] [-c CHILDREN] [-g GAP_MIB] [-l] MIB\n");
-	exit(2);
-}
-
 int main(int argc, char **argv)
 {
 	long uid = -1, children = 0, gap_mib = 0;
@@ -42,31 +36,31 @@ int main(int argc, char **argv)
 		case 'c': children = strtol(optarg, NULL, 10); break;
 		case 'g': gap_mib = strtol(optarg, NULL, 10); break;
 		case 'l': lock = 1; break;
-		default: usage();
+		default: return 2; // getopt has said why
 		}
 	}
-	if (optind != argc - 1)
-		usage();
+	if (optind != argc - 1) {
+		fprintf(stderr, "usage: hold [-u UID] [-c CHILDREN] [-g GAP_MIB] [-l] MIB\n");
+		return 2;
+	}
 	const size_t mib = strtoul(argv[optind], NULL, 10);
 	const size_t page = (size_t)sysconf(_SC_PAGESIZE);
 	const size_t gap = (size_t)gap_mib << 20, len = mib << 20;
 
-	if (gap + len > 0) {
-		// MAP_NORESERVE: a gap of gigabytes stays untouched and must not need commit charge.
-		char *map = mmap(NULL, gap + len, PROT_READ | PROT_WRITE,
-				 MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-		if (map == MAP_FAILED) {
-			perror("mmap");
-			return 1;
-		}
-		// Distinct words in every page, so no page is zero or shared with another.
-		for (size_t off = 0; off < len; off += sizeof(uint64_t))
-			*(uint64_t *)(map + gap + off) = off * 0x9e3779b97f4a7c15ull;
-		// A locked page splits the mapping in three, and the kernel refuses to page it out.
-		if (lock && mlock(map + gap + (len / 2 & ~(page - 1)), page) != 0) {
-			perror("mlock");
-			return 1;
-		}
+	// MAP_NORESERVE: a gap of gigabytes stays untouched and must not need commit charge.
+	char *map = mmap(NULL, gap + len, PROT_READ | PROT_WRITE,
+			 MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+	if (map == MAP_FAILED) {
+		perror("mmap");
+		return 1;
+	}
+	// Distinct words in every page, so no page is zero or shared with another.
+	for (size_t off = 0; off < len; off += sizeof(uint64_t))
+		*(uint64_t *)(map + gap + off) = off * 0x9e3779b97f4a7c15ull;
+	// A locked page splits the mapping in three, and the kernel refuses to page it out.
+	if (lock && mlock(map + gap + (len / 2 & ~(page - 1)), page) != 0) {
+		perror("mlock");
+		return 1;
 	}
 	if (uid >= 0 && (setresgid(uid, uid, uid) != 0 || setresuid(uid, uid, uid) != 0)) {
 		perror("setresuid");
