@@ -59,7 +59,6 @@ TEST(ParseOptions, StoresEachKindOfValueAndStopsWhereItMust) {
       {{"--str=a=b"}, {}, 0, 0, -1, "a=b"},
       {{"--str", "bar"}, {}, 0, 0, -1, "bar"},
       {{"-n", "-12"}, {}, 0, 0, -12, "(none)"},
-      {{"--native=7"}, {}, 0, 0, 7, "(none)"},
       {{"--native", ""}, {}, 0, 0, 0, "(none)"},  // empty text converts to 0 without error
       {{"--bit=x", "--str"}, {}, 4, 0, -1, "x"},    // a refused long value waits for the next one
       {{"a", "-r", "b", "--", "-r", "c"}, {"a", "b", "--", "-r", "c"}, 0, 1, -1, "(none)"},
