@@ -87,7 +87,6 @@ TEST(Descriptors, EveryCommandKeepsOnlyTheDriver) {
       {{"logger"}, "log msg=" + std::string(5000, 'x') + "\n" + kHeld, 129, {kStream, kStream},
        "fatal: read: unexpected length. Expected 5010, got 4044\n\n"},
       {{"config", "--load", "all", "--file", sample}, "", 0, {}},
-      {{"config", "--load", "all", "--file", fixtures_dir() + "/config/not_well_formed.xml"}, "", 255, {}},
       {{"config", "--load", "all", "--file", fifo}, "", 255, {},
        "error: failed to open/parse XML file " + fifo + " not a regular file\n\n"},
       // Runs readelf through a pipe, which must be closed again; the report's status, which

@@ -19,8 +19,7 @@ TEST(Install, GivesAWorkingKestrelAndManualPage) {
   TempDir prefix;
   const RunOptions plain = {.simulator = false, .env = {"DESTDIR="}};
   Result r = run_program({KESTREL_CMAKE, "--install", KESTREL_BUILD_DIR, "--prefix", prefix.path()}, plain);
-  ASSERT_EQ(r.status, 0) << r.out << r.err;
-  ASSERT_EQ(r.err, "");
+  ASSERT_EQ(std::tie(r.err, r.status), std::tuple("", 0)) << r.out;
 
   r = run_program({prefix.file("bin/kestrel-sim"), "--scenario", prefix.write("scenario", "version 0x30002\n"), "--",
                    "kestrel", "version"}, plain);
