@@ -4,11 +4,6 @@
 # whole tree is configured, so targets of folders added after tests/ are covered as well.
 if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(aarch64|arm64)$")
   function(kestrel_add_elf_align_tests dir)
-    # Test programs, benchmarks and fuzzers are not shipped.
-    file(RELATIVE_PATH rel ${CMAKE_SOURCE_DIR} ${dir})
-    if(rel MATCHES "^(tests|bench|fuzz)(/|$)")
-      return()
-    endif()
     get_property(targets DIRECTORY ${dir} PROPERTY BUILDSYSTEM_TARGETS)
     foreach(target ${targets})
       get_target_property(type ${target} TYPE)
@@ -19,6 +14,8 @@ if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(aarch64|arm64)$")
       endif()
     endforeach()
     get_property(subdirs DIRECTORY ${dir} PROPERTY SUBDIRECTORIES)
+    # Test programs, benchmarks and fuzzers are not shipped.
+    list(FILTER subdirs EXCLUDE REGEX "/(tests|bench|fuzz)$")
     foreach(subdir ${subdirs})
       kestrel_add_elf_align_tests(${subdir})
     endforeach()

@@ -9,9 +9,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <fstream>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -43,14 +43,15 @@ struct Ending {
 };
 
 // Runs each ending, in `box` when given, and compares the report's descriptions ("5
-// /proc/meminfo cloexec" gives "/proc/meminfo cloexec"), sorted. Numbers and order are left out:
-// the simulator closes its end of a finished stream at a moment of its own, so later descriptors
-// may or may not take its number.
+// /proc/meminfo cloexec" gives "/proc/meminfo cloexec") in any order. Numbers and order are left
+// out: the simulator closes its end of a finished stream at a moment of its own, so later
+// descriptors may or may not take its number.
 void run_endings(const std::vector<Ending>& endings, Sandbox* box = nullptr) {
   for (const Ending& e : endings) {
     SCOPED_TRACE(testing::PrintToString(e.args) + " / " + e.scenario.substr(0, 40));
     TempDir dir;
     const std::string report = box ? box->host_path("/tmp/fds") : dir.file("fds");
+    unlink(report.c_str());  // a box runs several endings: no report may stand in for a missing one
     RunOptions opts{.scenario = e.scenario,
                     .env = {"LD_PRELOAD=" + simulator_library() + ":" + fd_report_library(),
                             "KESTREL_FD_REPORT=" + (box ? "/tmp/fds" : report)}};
@@ -59,11 +60,9 @@ void run_endings(const std::vector<Ending>& endings, Sandbox* box = nullptr) {
     if (e.status != kAnyStatus) { EXPECT_EQ(r.status, e.status); }
     if (e.err) { EXPECT_EQ(r.err, *e.err); }
     std::ifstream in(report);
-    std::vector<std::string> kept, want = e.kept;
-    if (!in) kept.push_back("<no report at " + report + ">");
-    for (std::string line; std::getline(in, line);) kept.push_back(line.substr(line.find(' ') + 1));
-    std::sort(kept.begin(), kept.end());
-    std::sort(want.begin(), want.end());
+    std::multiset<std::string> kept, want(e.kept.begin(), e.kept.end());
+    if (!in) kept.insert("<no report at " + report + ">");
+    for (std::string line; std::getline(in, line);) kept.insert(line.substr(line.find(' ') + 1));
     EXPECT_EQ(kept, want);
   }
 }
@@ -84,33 +83,24 @@ TEST(Descriptors, EveryCommandKeepsOnlyTheDriver) {
   run_endings({
       {{"bogus"}, "", 1, {}},
       {{"version"}, "version 131077\n", 0, {kStream}},
-      {{"version"}, "device absent\n", 129, {}},
-      {{"version"}, "fail 0xFA01 EIO\n", 129, {kStream}},
-      {{"logger"}, "log msg=x\n", 129, {kStream}},
       // One read takes at most 4076 bytes, so a longer record arrives cut and fails the check.
       {{"logger"}, "log msg=" + std::string(5000, 'x') + "\n" + kHeld, 129, {kStream, kStream},
        "fatal: read: unexpected length. Expected 5010, got 4044\n\n"},
       {{"config", "--load", "all", "--file", sample}, "", 0, {}},
-      {{"config", "--load", "all", "--file", fixtures_dir() + "/config/not_well_formed.xml"}, "", 255, {}},
       {{"config", "--load", "all", "--file", fifo}, "", 255, {},
        "error: failed to open/parse XML file " + fifo + " not a regular file\n\n"},
       // Runs readelf through a pipe, which must be closed again; the report's status, which
       // depends on this machine's RAM, is the config tests' business.
       {{"config", "--list"}, "", kAnyStatus, {}},
-      {{"malloc-debug", "-e", self}, "", 0, {}},
       {{"malloc-debug", "-d", self}, "log pid=" + self + " sec=now tag=malloc_debug msg=END\n" + kHeld,
        0, {kStream, kStream}},
-      {{"malloc-debug", "-d", self}, "version 65536\n", 129, {kStream}},
       {{"mem-stress", "1"}, "", 0, {}},
-      // The process table opens each process's smaps or command line for one row and closes it.
+      // Each row's smaps is opened and closed; the command line reader is the compact ending's.
       {{"meminfo", "-v"}, procs, 0, {kStream}},
-      {{"meminfo", "-e", self}, procs, 0, {kStream}},
-      {{"meminfo", "-p", "77"}, procs, 129, {kStream}},
       {{"utils", "--elf-align", elf}, "", 0, {}},
       {{"utils", "--elf-align", fifo}, "", 129, {},
        "fatal: " + fifo + " is not a valid elf file or file does not exit.\n"},
       {{"utils", "--set-scene", "1"}, "", 0, {kSceneDevice}},
-      {{"utils"}, "", 129, {}},
   });
   sigaction(SIGRTMAX - 19, &before, nullptr);
 }
@@ -121,30 +111,22 @@ TEST(Descriptors, EveryCommandKeepsOnlyTheDriver) {
 // partition that is not there.
 TEST(Descriptors, SandboxedEndingsKeepOnlyTheDriverAndTheDaemonsFiles) {
   KESTREL_REQUIRE_SANDBOX();
-  const std::string folder = "/data/tarvo/heapdump/kestrel/", meminfo = "/proc/meminfo cloexec";
-  const struct {
-    Ending ending;
-    bool meminfo, heapdump;
-  } cases[] = {
-      {{{"aging"}, "log msg=x\n", 129,
-        {kStream, meminfo, folder + "log.txt cloexec", folder + "device.txt cloexec"}}, true, true},
-      {{{"aging"}, kHeld, 129, {kStream, kStream}}, false, true},
-      {{{"aging"}, kHeld, 129, {kStream, kStream, meminfo}}, true, false},
-      {{{"compact"}, "", 0, {}, "error: open pid failed\n\n"}, true, true},
-      {{{"utils", "--elf-align"}, "", 0, {}}, true, true},
-  };
-  for (const auto& c : cases) {
-    Sandbox box;
-    if (c.meminfo) box.write_file("/proc/meminfo", "MemTotal: 1024 kB\nIonTotalUsed: 2 kB\n");
-    box.make_dir(c.heapdump ? "/data/tarvo/heapdump" : "/data/tarvo");
-    box.write_file("/proc/4200001/status", "Name:\tgone\n");
-    box.write_file("/proc/4200001/cmdline", std::string("gone\0", 5));
-    box.write_file("/proc/4200001/maps", "10000000-10001000 r--p 00000000 fe:00 7 /system/lib64/libc.so\n");
-    box.write_file("/proc/mounts", "/dev/block/dm-1 /vendor erofs ro 0 0\n/dev/block/dm-2 /odm erofs ro 0 0\n");
-    box.write_file("/vendor/lib64/libsmall.so", kestrel_fixtures::elf_image({kestrel_fixtures::elf_load(4096)}));
-    box.write_file("/vendor/lib64/README", "not an ELF file\n");
-    run_endings({c.ending}, &box);
-  }
+  const std::string folder = "/data/tarvo/heapdump/kestrel/";
+  Sandbox box;
+  box.write_file("/proc/meminfo", "MemTotal: 1024 kB\nIonTotalUsed: 2 kB\n");
+  box.make_dir("/data/tarvo/heapdump");
+  box.write_file("/proc/4200001/status", "Name:\tgone\n");
+  box.write_file("/proc/4200001/cmdline", std::string("gone\0", 5));
+  box.write_file("/proc/4200001/maps", "10000000-10001000 r--p 00000000 fe:00 7 /system/lib64/libc.so\n");
+  box.write_file("/proc/mounts", "/dev/block/dm-1 /vendor erofs ro 0 0\n/dev/block/dm-2 /odm erofs ro 0 0\n");
+  box.write_file("/vendor/lib64/libsmall.so", kestrel_fixtures::elf_image({kestrel_fixtures::elf_load(4096)}));
+  box.write_file("/vendor/lib64/README", "not an ELF file\n");
+  run_endings({
+      {{"aging"}, "log msg=x\n", 129,
+       {kStream, "/proc/meminfo cloexec", folder + "log.txt cloexec", folder + "device.txt cloexec"}},
+      {{"compact"}, "", 0, {}, "error: open pid failed\n\n"},
+      {{"utils", "--elf-align"}, "", 0, {}},
+  }, &box);
 }
 
 }  // namespace

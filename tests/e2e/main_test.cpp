@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The dispatcher and `version`, run as the shipped binary: the command list, unknown words, the
-// driver's version through the simulator and its wrapper.
+// driver's version through the simulator.
 #include <string>
 #include <tuple>
 #include <vector>
@@ -26,10 +26,8 @@ const char kCommandList[] =
     "   config         get or set memory options\n";
 
 TEST(Dispatcher, NoArgumentsListsCommandsAndExitsOne) {
-  for (bool pty : {false, true}) {
-    Result r = run_kestrel({}, {.pty = pty});
-    EXPECT_EQ(std::tie(r.out, r.err, r.status), std::tuple(kCommandList, "", 1));
-  }
+  Result r = run_kestrel({});
+  EXPECT_EQ(std::tie(r.out, r.err, r.status), std::tuple(kCommandList, "", 1));
 }
 
 TEST(Dispatcher, OnlyTheExactWordIsACommand) {
@@ -46,11 +44,9 @@ TEST(Version, AsksTheDriver) {
   const Case cases[] = {
       {"version 131077\n", {"version", "extra", "words"}, "kestrel version 2.5\n", "", asked},
       {"", {"version"}, "kestrel version 1.0\n", "", asked},
-      {"version 0x7fff0010\n", {"version"}, "kestrel version 32767.16\n", "", asked},
       {"eintr open\neintr 0xFA01\nversion 65539\n", {"version"}, "kestrel version 1.3\n", "",
        "open O_RDONLY\nopen O_RDONLY\n0xFA01\n0xFA01\n"},
       {"device absent\n", {"version"}, "", fatal, "open O_RDONLY\n"},
-      {"fail open EACCES\n", {"version"}, "", fatal, "open O_RDONLY\n"},
       {"fail 0xFA01 ENOTTY\n", {"version"}, "", fatal, asked},
   };
   for (const Case& c : cases) {
@@ -60,13 +56,6 @@ TEST(Version, AsksTheDriver) {
     EXPECT_EQ(std::tie(r.out, r.err, r.status), std::tuple(c.out, c.err, c.err.empty() ? 0 : 129));
     EXPECT_EQ(dir.read("trace"), c.trace);
   }
-}
-
-TEST(Simulator, WrapperRunsKestrelWithScenario) {
-  TempDir dir;
-  Result r = run_program({simulator_wrapper(), "--scenario", dir.write("scenario", "version 0x30002\n"), "--",
-                          "kestrel", "version"}, {.simulator = false});
-  EXPECT_EQ(std::tie(r.out, r.err, r.status), std::tuple("kestrel version 3.2\n", "", 0));
 }
 
 }  // namespace

@@ -47,32 +47,26 @@ TEST(Utils, EachModeGivesItsExactStreamsStatusAndDriverRequests) {
   const std::string text = dir.write("notes.txt", "#!/bin/sh\necho not an ELF file\n");
   const std::string missing = dir.file("missing.so"), not_elf = " is not a valid elf file or file does not exit.\n";
   const std::string fail = "error: Failed to set: ", wr = "open O_WRONLY\n";
-  struct Case { std::vector<std::string> args; std::string scenario, out, err; int status; std::string requests; };
+  struct Case { std::vector<std::string> args; std::string out, err; int status; std::string requests; };
   const Case cases[] = {
-      {{"--elf-align", small}, "", text_block(2, 4096) + text_block(3, 4096) + kFail, "", 255, ""},
-      {{"--elf-align", big}, "", text_block(0, 16384) + text_block(2, 65536), kPass, 0, ""},
-      {{"--elf-align", mixed}, "", text_block(0, 65536) + text_block(1, 8192) + kFail, "", 255, ""},
-      {{"--elf-align", dir.write("none.so", elf_image({}))}, "", "", kPass, 0, ""},
-      {{"--elf-align", "--set-scene", "3", big}, "", text_block(0, 16384) + text_block(2, 65536), kPass, 0, ""},
-      {{"--elf-align", text}, "", "", "fatal: " + text + not_elf, 129, ""},
-      {{"--elf-align", missing}, "", "", "Failed to open the file: " + missing + "\nfatal: " + missing + not_elf, 129, ""},
-      {{"--set-scene", "1"}, "", "Set: 1 scene (^_^)\n", "", 0, wr + "0xFA02 scene=1\n"},
-      {{"--clear-scene", "1"}, "", "Set: 0 scene (^_^)\n", "", 0, wr + "0xFA03 scene=1\n"},
-      {{"--set-scene", ""}, "", "Set: 1 scene (^_^)\n", "", 0, wr + "0xFA02 scene=0\n"},
-      {{"--set-scene", "--clear-scene", "1"}, "", "Set: 1 scene (^_^)\n", "", 0, wr + "0xFA02 scene=1\n"},
-      {{"--set-scene", "12"}, "", "", fail + "1 scene @(>.<)@\n", 255, ""},
-      {{"--clear-scene", "1"}, "fail 0xFA03 ENOTTY\n", "", fail + "0 scene @(>.<)@\n", 255, wr + "0xFA03 scene=1\n"},
-      {{"--set-scene", "1"}, "device absent\n", "", fail + "1 scene @(>.<)@\n", 255, wr},
-      {{"--set-scene", "12x"}, "", "", "fatal: native expects a numerical value\n", 129, ""},
-      {{"--set-scene"}, "", "", kUsage, 129, ""},
-      {{}, "", "", kUsage, 129, ""},
+      {{"--elf-align", small}, text_block(2, 4096) + text_block(3, 4096) + kFail, "", 255, ""},
+      {{"--elf-align", big}, text_block(0, 16384) + text_block(2, 65536), kPass, 0, ""},
+      {{"--elf-align", mixed}, text_block(0, 65536) + text_block(1, 8192) + kFail, "", 255, ""},
+      {{"--elf-align", text}, "", "fatal: " + text + not_elf, 129, ""},
+      {{"--elf-align", missing}, "", "Failed to open the file: " + missing + "\nfatal: " + missing + not_elf, 129, ""},
+      {{"--set-scene", "1"}, "Set: 1 scene (^_^)\n", "", 0, wr + "0xFA02 scene=1\n"},
+      {{"--clear-scene", "1"}, "Set: 0 scene (^_^)\n", "", 0, wr + "0xFA03 scene=1\n"},
+      {{"--set-scene", "12"}, "", fail + "1 scene @(>.<)@\n", 255, ""},
+      {{"--set-scene", "12x"}, "", "fatal: native expects a numerical value\n", 129, ""},
+      {{"--set-scene"}, "", kUsage, 129, ""},
+      {{}, "", kUsage, 129, ""},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(testing::PrintToString(c.args) + " / " + c.scenario);
+    SCOPED_TRACE(testing::PrintToString(c.args));
     unlink(dir.file("trace").c_str());
     std::vector<std::string> args = {"utils"};
     args.insert(args.end(), c.args.begin(), c.args.end());
-    Result r = kestrel_e2e::run_kestrel(args, {.scenario = c.scenario + "trace " + dir.file("trace") + "\n"});
+    Result r = kestrel_e2e::run_kestrel(args, {.scenario = "trace " + dir.file("trace") + "\n"});
     EXPECT_EQ(std::tie(r.out, r.err, r.status), std::tie(c.out, c.err, c.status));
     EXPECT_EQ(dir.read("trace"), c.requests);
   }
@@ -91,7 +85,6 @@ TEST(UtilsElfAlign, DeviceWalkListsShortAlignedFilesOfPartitionsOnly) {
   box.write_file("/proc/mounts", kestrel_e2e::read_text(kestrel_e2e::fixtures_dir() + "/utils/mounts"));
   box.write_file("/vendor/lib64/libbig.so", elf_image({elf_load(16384), elf_load(65536)}));
   box.write_file("/vendor/lib64/README", "not an ELF file\n");
-  box.write_file("/vendor/firmware_mnt/image/modem.b00", small);
   box.write_file("/apex/com.android.vndk.v33/lib64/libvndk.so", small);
   box.write_file("/apex/com.android.runtime/lib64/bionic/libc.so",
                  elf_image({elf_load(65536), elf_load(8192), elf_load(4096)}));
@@ -99,7 +92,6 @@ TEST(UtilsElfAlign, DeviceWalkListsShortAlignedFilesOfPartitionsOnly) {
   box.make_symlink("/vendor/lib64/libsmall.so", "/product/lib64/liblink.so");
   box.make_symlink("/vendor", "/product/vendor");
   box.write_file("/data/vendor/lib/libdata.so", small);
-  box.write_file("/mnt/vendor/lib/libmnt.so", small);
   // "/odm" is mounted but missing, and /vendor/secret cannot be read once root gives up the
   // capabilities that read any directory: both are skipped with a message, the walk goes on.
   box.write_file("/vendor/secret/libsecret.so", small);
