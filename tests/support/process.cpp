@@ -165,7 +165,6 @@ void collect(pid_t pid, int timeout_ms, int out, int err, Result* result) {
       // Out of time (or, after the child ended, a descendant still holds the output open).
       if (!exited) result->timed_out = true;
       kill(-pid, SIGKILL);
-      kill(pid, SIGKILL);
       if (exited || left < -1000) break;
     }
     if (poll(fds, 3, static_cast<int>(std::clamp<int64_t>(left, 100, 1000))) < 0 && errno != EINTR) break;
