@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Drives /dev/kestrel with bad input and under load, inside a test VM. Each
-// sub-command prints one vmcheck line: badinput, race SECONDS. (That a "cmd" record needs
-// root at write time, and only that tag, check-aging shows with the klog helper.)
+// Drives /dev/kestrel with bad input and under load (the log raced while the process table is
+// walked), inside a test VM. Each sub-command prints one vmcheck line: badinput, race SECONDS.
+// (That a "cmd" record needs root at write time, and only that tag, check-aging shows.)
 #define _GNU_SOURCE
 #include <errno.h>
 #include <fcntl.h>
@@ -24,9 +24,8 @@
 #include "driver/kestrel_abi.h"
 
 #define RECORD_SIZE sizeof(struct kestrel_proc_ms)
-// A table request big enough for every process the driver reports, and a few records of slack
-// behind it that must stay untouched.
-#define TABLE_BUFFER_SIZE (sizeof(struct kestrel_proc_size_msu) + (KESTREL_MAX_COUNT + 4) * RECORD_SIZE)
+// A table request big enough for every process the driver reports.
+#define TABLE_BUFFER_SIZE (sizeof(struct kestrel_proc_size_msu) + KESTREL_MAX_COUNT * RECORD_SIZE)
 
 static const char *check_name;
 static char failure[512];
