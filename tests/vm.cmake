@@ -1,9 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
-# Real kernels in qemu: the guest helper programs (every tests/vm/helpers/*.c, and bench/vm/*.c,
-# the programs of the benchmarks that run in the guest, built for this build's architecture into
-# vm-helpers/) and one test per kernel flavour that boots it (tests/vm/run-vm). The host build
-# boots amd64; the arm64 cross build boots both arm64 kernels.
-# Sanitizer builds do not boot guests: their binaries would need the sanitizer runtimes there.
+# Real kernels in qemu: the guest programs (tests/vm/helpers/*.c and the guest benchmarks'
+# bench/vm/*.c, built into vm-helpers/) and one test per kernel flavour that boots them
+# (tests/vm/run-vm). Sanitizer builds boot none: their binaries would need the sanitizer runtimes.
 if(KESTREL_SANITIZE)
   return()
 endif()

@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// Test backend of __android_log_print: keeps every message for the tests to read.
+// Test backend of __android_log_print: keeps every message for the tests to read. The libraries
+// start no thread, so the unit tests log from one thread only.
 #include "tests/support/log_capture.h"
 
 #include <stdarg.h>
 #include <stdio.h>
-
-#include <mutex>
 
 #include "platform/log.h"
 
@@ -14,20 +13,13 @@ namespace {
 
 // Constant-initialized, so messages logged while other files are still being initialized are
 // kept too.
-constinit std::mutex g_mutex;
 constinit std::vector<LogLine> g_lines;
 
 }  // namespace
 
-std::vector<LogLine> logged() {
-  std::lock_guard<std::mutex> lock(g_mutex);
-  return g_lines;
-}
+std::vector<LogLine> logged() { return g_lines; }
 
-void clear_log() {
-  std::lock_guard<std::mutex> lock(g_mutex);
-  g_lines.clear();
-}
+void clear_log() { g_lines.clear(); }
 
 }  // namespace kestrel_test
 
@@ -37,7 +29,6 @@ extern "C" int __android_log_print(int prio, const char* tag, const char* fmt, .
   va_start(ap, fmt);
   vsnprintf(msg, sizeof(msg), fmt, ap);
   va_end(ap);
-  std::lock_guard<std::mutex> lock(kestrel_test::g_mutex);
   kestrel_test::g_lines.push_back({prio, tag ? tag : "", msg});
   return 1;
 }

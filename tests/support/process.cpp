@@ -35,12 +35,6 @@ namespace kestrel_e2e {
 
 namespace fs = std::filesystem;
 
-std::string kestrel_binary() { return KESTREL_BINARY; }
-std::string simulator_library() { return KESTREL_SIM_LIBRARY; }
-std::string simulator_wrapper() { return KESTREL_SIM_WRAPPER; }
-std::string fd_report_library() { return KESTREL_FD_REPORT_LIBRARY; }
-std::string fixtures_dir() { return KESTREL_FIXTURES; }
-
 std::string read_text(const std::string& path) {
   std::ostringstream text;
   text << std::ifstream(path).rdbuf();
@@ -74,13 +68,6 @@ void make_path(const std::string& path, mode_t mode, const std::string* content 
   }
   fs::permissions(path, static_cast<fs::perms>(mode), error);
   if (error) harness_fail(path);
-}
-
-// The sandbox's mounts live in its children's namespaces only: here its root is plain folders,
-// and links in it are removed, never followed.
-void remove_tree(const std::string& path) {
-  std::error_code ignored;
-  fs::remove_all(path, ignored);
 }
 
 std::string make_temp_dir(const char* prefix) {
@@ -178,7 +165,6 @@ void collect(pid_t pid, int timeout_ms, int out, int err, Result* result) {
       // Out of time (or, after the child ended, a descendant still holds the output open).
       if (!exited) result->timed_out = true;
       kill(-pid, SIGKILL);
-      kill(pid, SIGKILL);
       if (exited || left < -1000) break;
     }
     if (poll(fds, 3, static_cast<int>(std::clamp<int64_t>(left, 100, 1000))) < 0 && errno != EINTR) break;
@@ -221,12 +207,7 @@ Result launch(std::vector<std::string> argv, std::vector<std::string> env, const
   pid_t pid = fork();
   if (pid < 0) harness_fail("fork");
   if (pid == 0) {
-    if (opts.pty) {
-      setsid();
-      ioctl(out[1], TIOCSCTTY, 0);
-    } else {
-      setpgid(0, 0);
-    }
+    setsid();  // its own process group, which goes with it
     // Nothing of this test process but the three streams reaches the program, which reads an
     // empty standard input.
     close_range(3, ~0U, CLOSE_RANGE_CLOEXEC);
@@ -272,7 +253,10 @@ Result run_kestrel(const std::vector<std::string>& args, const RunOptions& opts)
 }
 
 TempDir::TempDir() : path_(make_temp_dir("kestrel-test")) {}
-TempDir::~TempDir() { remove_tree(path_); }
+TempDir::~TempDir() {
+  std::error_code ignored;
+  fs::remove_all(path_, ignored);
+}
 
 std::string TempDir::write(const std::string& name, const std::string& content) const {
   make_path(file(name), 0644, &content);
@@ -280,8 +264,6 @@ std::string TempDir::write(const std::string& name, const std::string& content) 
 }
 
 std::string TempDir::read(const std::string& name) const { return read_text(file(name)); }
-
-// --- the sandbox -------------------------------------------------------------------------------
 
 // The host's system folders, shown in the sandbox at their own paths.
 static const char* const kHostTops[] = {"/usr", "/etc", "/dev", "/bin", "/sbin",
@@ -299,7 +281,12 @@ Sandbox::Sandbox() : root_(make_temp_dir("kestrel-sandbox")) {
   make_symlink("/.realproc/thread-self", "/proc/thread-self");
 }
 
-Sandbox::~Sandbox() { remove_tree(root_); }
+// The mounts live in the children's namespaces only: here the root is plain folders, and
+// links in it are removed, never followed.
+Sandbox::~Sandbox() {
+  std::error_code ignored;
+  fs::remove_all(root_, ignored);
+}
 
 bool Sandbox::Supported(std::string* why) {
   static const std::string reason = []() -> std::string {

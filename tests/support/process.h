@@ -28,12 +28,12 @@ struct RunOptions {
   unsigned pty_cols = 80;
 };
 
-// Paths of the build under test.
-std::string kestrel_binary();
-std::string simulator_library();
-std::string simulator_wrapper();   // tools/kestrel-sim/kestrel-sim as the build copied it
-std::string fd_report_library();   // writes the descriptors a program holds as it exits
-std::string fixtures_dir();
+// Paths of the build under test, as the build defines them for the end-to-end tests.
+inline std::string kestrel_binary() { return KESTREL_BINARY; }
+inline std::string simulator_library() { return KESTREL_SIM_LIBRARY; }
+inline std::string simulator_wrapper() { return KESTREL_SIM_WRAPPER; }  // the copied kestrel-sim
+inline std::string fd_report_library() { return KESTREL_FD_REPORT_LIBRARY; }  // reports held descriptors
+inline std::string fixtures_dir() { return KESTREL_FIXTURES; }
 
 // Runs `kestrel args...`.
 Result run_kestrel(const std::vector<std::string>& args, const RunOptions& opts = {});

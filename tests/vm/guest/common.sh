@@ -45,16 +45,13 @@ start_hold() {
 # stop PID...: ends background processes this check started and reaps them. SIGTERM lets the
 # hold helper reap its own children first.
 stop() {
-	for _p in "$@"; do
-		kill -TERM "$_p" 2>/dev/null
-		wait "$_p" 2>/dev/null
-	done
+	kill -TERM "$@" 2>/dev/null
+	wait "$@" 2>/dev/null
 }
 
 # zram_on MIB: swap on a fresh zram device of MIB MiB. zram_off undoes it.
 zram_on() {
 	modprobe zram 2>/dev/null || return 1
-	[ -e /sys/block/zram0/disksize ] || return 1
 	echo 1 >/sys/block/zram0/reset 2>/dev/null
 	echo "$(($1 * 1024 * 1024))" >/sys/block/zram0/disksize || return 1
 	mkswap /dev/zram0 >/dev/null 2>&1 || return 1
