@@ -2,7 +2,7 @@
 # The programs the end-to-end tests run besides kestrel.
 
 # The compaction tests look in tests/compact/ of the build tree for compact_nosys, which runs
-# kestrel as on a kernel without process_madvise, and keep their files there.
+# kestrel as on a kernel without process_madvise.
 add_executable(compact_nosys ${CMAKE_CURRENT_SOURCE_DIR}/support/compact_nosys.cpp)
 target_include_directories(compact_nosys PRIVATE ${KESTREL_ROOT})
 set_target_properties(compact_nosys PROPERTIES

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // `kestrel config` as a user runs it: --load on this machine's tier section, the default file
-// path inside the sandbox, usage and failure statuses. The --list report is compared whole on
-// fixture trees in the unit tests.
+// path inside the sandbox, usage and failure statuses, and --list wired to the system report
+// (whose every line the unit tests compare on fixture trees).
+#include <regex>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -87,6 +88,26 @@ TEST(ConfigE2E, DefaultFileIsTheVendorConfiguration) {
   sandbox.write_file("/odm/etc/tarvo_mm_config.xml", config_xml(kEveryKey));
   Result r = sandbox.run({"config", "--load", "zram0"}, kNoSimulator);
   EXPECT_EQ(std::tie(r.out, r.err, r.status), std::tuple(kZram0, "", 0));
+}
+
+// --list wins over --load. Nothing of the device is there but /proc/version, so the report is
+// the unit tests' bare one but for this machine's own figures (tier, RAM, the allocator's answers);
+// from 24 GiB of RAM on it has no tier.
+TEST(ConfigE2E, ListIgnoresLoadAndReportsTheSystem) {
+  KESTREL_REQUIRE_SANDBOX();
+  kestrel_e2e::Sandbox sandbox;
+  sandbox.write_file("/proc/version", "Linux version 6.1.75-android14 (build@host) #1 SMP\n");
+  Result r = sandbox.run({"config", "--list", "--load", "bogus"}, kNoSimulator);
+  if (r.status != 0) {
+    EXPECT_EQ(std::tie(r.out, r.err, r.status),
+              std::tuple("[sys]\n", "fatal: unsupport ram\n\n", 129));
+    return;
+  }
+  const std::regex machine_value(R"((\n  (?:M_\w+\(-?\d\)|heap_zero_init|ram): )-?\d+(?=G?\n))");
+  const std::string bare = kestrel_e2e::read_text(kestrel_e2e::fixtures_dir() + "/config/report_bare.txt");
+  const std::string expected = std::regex_replace(bare, std::regex("0\\.0\\.0"), "6.1.75");
+  EXPECT_EQ(std::regex_replace(r.out, machine_value, "$1#"),
+            std::regex_replace(expected, machine_value, "$1#"));
 }
 
 }  // namespace
