@@ -91,12 +91,12 @@ struct Case {
   std::vector<std::string> args;
   std::string out, err;
   int status;
-  std::string seen;  // the request values the target took
   std::string scenario = "";
 };
 
-// Runs `kestrel malloc-debug` at a fresh stand-in with a package-like name.
-void expect_runs(const std::vector<Case>& cases) {
+// Runs `kestrel malloc-debug` at a fresh stand-in with a package-like name, which must take the
+// request values `seen`.
+void expect_runs(const std::string& seen, const std::vector<Case>& cases) {
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::PrintToString(c.args));
     Target target(KESTREL_SIGTARGET, "com.example.heapdemo");
@@ -105,7 +105,7 @@ void expect_runs(const std::vector<Case>& cases) {
     for (const std::string& arg : c.args) args.push_back(target.expand(arg));
     Result r = run_kestrel(args, {.scenario = target.expand(c.scenario)});
     EXPECT_EQ(std::tie(r.out, r.err, r.status), std::tuple(target.expand(c.out), c.err, c.status));
-    EXPECT_EQ(target.finish(), c.seen);
+    EXPECT_EQ(target.finish(), seen);
   }
 }
 
@@ -124,12 +124,12 @@ TEST(MallocDebug, BadArgumentsFail) {
       "    -P,--purgeall         [allocator] M_PURGE_ALL\n"
       "    -s,--stat             [allocator] M_LOG_STATS\n"
       "\n";
-  expect_runs({
-      {{"-e"}, "", usage, 129, ""},
-      {{"PID"}, "", usage, 129, ""},
-      {{"-e", "0"}, "", "fatal: pid need a positive value\n", 129, ""},
-      {{"-e", "PIDx"}, "", "fatal: pid expects a numerical value\n", 129, ""},
-      {{"-s", "4200001"}, "", "error: install malloc_debug failed. No such process\n\n", 255, ""},
+  expect_runs("", {
+      {{"-e"}, "", usage, 129},
+      {{"PID"}, "", usage, 129},
+      {{"-e", "0"}, "", "fatal: pid need a positive value\n", 129},
+      {{"-e", "PIDx"}, "", "fatal: pid expects a numerical value\n", 129},
+      {{"-s", "4200001"}, "", "error: install malloc_debug failed. No such process\n\n", 255},
   });
 }
 
@@ -147,16 +147,13 @@ TEST(MallocDebug, DumpFollowsTheTargetsLogToItsEnd) {
       record("size 4096\\n  #00 pc 0x1234");
   const std::string printed = "heap snapshot\nsize 4096\n  #00 pc 0x1234\n";
   const std::string to_file = "Dumping to file /data/local/tmp/heap.txt";
-  const std::string after = record("after the end");
-  expect_runs({
-      {{"-d", "PID"}, printed + "END of dump\n", "", 0, "value=1\n",
-       log + record("END of dump") + after + "at-end hold\n"},
-      {{"--dump", "PID"}, printed + to_file + "\n", "", 0, "value=1\n",
-       log + record(to_file) + after + "at-end hold\n"},
-      // The request is sent before the log is followed.
-      {{"-d", "PID"}, printed + "after the end\n", "fatal: read: timeout!\n\n", 129, "value=1\n",
-       log + after + "at-end hold\n"},
-      {{"-d", "PID"}, "", "fatal: open kestrel failed\n", 129, "value=1\n", "device absent\n"},
+  const std::string after = record("after the end") + "at-end hold\n";
+  // The request is sent before the log is opened and followed.
+  expect_runs("value=1\n", {
+      {{"-d", "PID"}, printed + "END of dump\n", "", 0, log + record("END of dump") + after},
+      {{"--dump", "PID"}, printed + to_file + "\n", "", 0, log + record(to_file) + after},
+      {{"-d", "PID"}, printed + "after the end\n", "fatal: read: timeout!\n\n", 129, log + after},
+      {{"-d", "PID"}, "", "fatal: open kestrel failed\n", 129, "device absent\n"},
   });
 }
 
@@ -170,56 +167,47 @@ std::string target_part(const std::string& dump) {
   return std::regex_replace(std::regex_replace(dump, frame, "  $1 $2"), other, "");
 }
 
-// The VM test's target program, run with the hook and the simulator preloaded; its log file is
-// the one the kestrel runs of `scenario` read.
-struct HookedTarget {
-  HookedTarget()
-      : target(KESTREL_HOOK_TARGET, KESTREL_HOOK_TARGET,
-               {"LD_PRELOAD=" + simulator_library() + " " + KESTREL_HOOK_LIBRARY,
-                "KESTREL_SIM_SCENARIO=" + dir.write("scenario", scenario)}) {}
-
+// Every request is answered in the log: the dump lists both call sites with their totals and
+// ends the command on its END record; the target lives on. Of several switches the first in the
+// order enable, disable, stat, purge, purge-all wins.
+TEST(MallocHook, AnswersEveryRequest) {
+  // The VM test's target program, run with the hook and the simulator preloaded; its log file is
+  // the one the kestrel runs of `scenario` read.
+  TempDir dir;
+  const std::string scenario = "log-file " + dir.file("log") + "\n";
+  Target target(KESTREL_HOOK_TARGET, KESTREL_HOOK_TARGET,
+                {"LD_PRELOAD=" + simulator_library() + " " + KESTREL_HOOK_LIBRARY,
+                 "KESTREL_SIM_SCENARIO=" + dir.write("scenario", scenario)});
   // Runs `kestrel malloc-debug options... pid` at the target, which must live on.
-  Result request(std::vector<std::string> args) {
+  auto request = [&](std::vector<std::string> args) {
     args.insert(args.begin(), "malloc-debug");
     args.push_back(target.pid());
     Result r = run_kestrel(args, {.scenario = scenario});
     EXPECT_TRUE(target.alive()) << testing::PrintToString(args);
     return r;
-  }
-
+  };
   // The first line of the hook's first record whose text begins with `start`, with its byte
   // counts as "N bytes". A request returns once it is sent and the hook answers from a worker of
   // its own, so the log file is read again until the answer is there, for ten seconds at most.
-  std::string answer(const std::string& start) {
+  auto answer = [&](const std::string& start) {
     const std::string head = std::string("\4malloc_debug\0", 14);
     for (int tries = 0; tries < 1000; ++tries, usleep(10000)) {
       const std::string log = read_text(dir.file("log"));
-      const size_t at = log.find(head + start);
+      const size_t at = log.find(head + start), from = at + head.size();
       if (at == std::string::npos) continue;
-      const size_t end = log.find_first_of(std::string("\n\0", 2), at + head.size());
-      const std::string line = log.substr(at + head.size(), end - at - head.size());
+      const std::string line = log.substr(from, log.find_first_of(std::string("\n\0", 2), from) - from);
       return std::regex_replace(line, std::regex("\\b\\d+ bytes"), "N bytes");
     }
     return "no answer beginning with " + start;
-  }
+  };
 
-  TempDir dir;
-  const std::string scenario = "log-file " + dir.file("log") + "\n";
-  Target target;
-};
-
-// Every request is answered in the log: the dump lists both call sites with their totals and
-// ends the command on its END record; the target lives on. Of several switches the first in the
-// order enable, disable, stat, purge, purge-all wins.
-TEST(MallocHook, AnswersEveryRequest) {
-  HookedTarget hooked;
-  ASSERT_EQ(hooked.target.line(), "ready\n");
-  EXPECT_EQ(hooked.request({"-D", "--enable"}).out, hooked.target.expand(success("enable")));
+  ASSERT_EQ(target.line(), "ready\n");
+  EXPECT_EQ(request({"-D", "--enable"}).out, target.expand(success("enable")));
   // Allocations made before recording is on are not seen.
-  ASSERT_EQ(hooked.answer("enabled:"), "enabled: backtraces of up to 32 frames, tables of 10752 KiB");
-  kill(std::stoi(hooked.target.pid()), SIGUSR1);
-  ASSERT_EQ(hooked.target.line(), "allocated\n");
-  Result r = hooked.request({"-d"});
+  ASSERT_EQ(answer("enabled:"), "enabled: backtraces of up to 32 frames, tables of 10752 KiB");
+  kill(std::stoi(target.pid()), SIGUSR1);
+  ASSERT_EQ(target.line(), "allocated\n");
+  Result r = request({"-d"});
   EXPECT_EQ(std::tie(r.err, r.status), std::tuple("", 0));
   EXPECT_EQ(target_part(r.out),
             "155000 bytes in 8 allocations from 2 backtraces\n"
@@ -231,16 +219,16 @@ TEST(MallocHook, AnswersEveryRequest) {
             "  #01 main\n"
             "END of malloc debug dump: the recorder holds 8 allocations and 3 backtraces in "
             "10752 KiB; 0 allocations not recorded\n");
-  const struct { std::vector<std::string> options; std::string request, answer; } answers[] = {
+  const struct { std::vector<std::string> options; std::string name, text; } answers[] = {
       {{"--purgeall", "-s"}, "alloc-stats", "<malloc version=\"1\">"},
       {{"-p"}, "alloc-purge", "purge: malloc_trim returned N bytes to the system"},
       {{"-P"}, "alloc-purge_all", "purge-all: malloc_trim returned N bytes to the system"},
       {{"-P", "-p", "-D"}, "disable", "disabled: 10752 KiB of tables released"},
   };
-  for (const auto& [options, request, answer] : answers) {
-    r = hooked.request(options);
-    EXPECT_EQ(std::tie(r.out, r.status), std::tuple(hooked.target.expand(success(request)), 0));
-    EXPECT_EQ(hooked.answer(answer.substr(0, answer.find(' '))), answer);
+  for (const auto& [options, name, text] : answers) {
+    r = request(options);
+    EXPECT_EQ(std::tie(r.out, r.status), std::tuple(target.expand(success(name)), 0));
+    EXPECT_EQ(answer(text.substr(0, text.find(' '))), text);
   }
 }
 

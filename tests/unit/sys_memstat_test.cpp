@@ -45,12 +45,12 @@ TEST_F(SlabDebug, EnableWritesOnlyAChangeOfState) {
   const std::string read_failed = "sys-memstat.cpp:27 read slab debug enable failed, reason: ";
   const std::string write_failed = "sys-memstat.cpp:34 write slab debug enable failed, reason: ";
   // before: "-" no file, "->" a link to the dump file, which holds "0".
-  const struct { std::string before; bool enable, ok; const char* after; int err; std::string log; } cases[] = {
-      {"0", true, true, "1", 0, ""},
-      {"1\n", true, false, "1\n", 0, write_failed + "Success\n"},
-      {"", true, false, "", 0, read_failed + "Success\n"},
-      {"-", true, false, "<missing>", ENOENT, read_failed + "No such file or directory\n"},
-      {"->", true, false, "0", ELOOP, read_failed + "Too many levels of symbolic links\n"},
+  const struct { std::string before; bool ok; const char* after; int err; std::string log; } cases[] = {
+      {"0", true, "1", 0, ""},
+      {"1\n", false, "1\n", 0, write_failed + "Success\n"},
+      {"", false, "", 0, read_failed + "Success\n"},
+      {"-", false, "<missing>", ENOENT, read_failed + "No such file or directory\n"},
+      {"->", false, "0", ELOOP, read_failed + "Too many levels of symbolic links\n"},
   };
   ASSERT_TRUE(android::base::WriteStringToFile("0", paths_.dump));
   for (const auto& c : cases) {
@@ -59,7 +59,7 @@ TEST_F(SlabDebug, EnableWritesOnlyAChangeOfState) {
     ASSERT_TRUE(c.before != "->" || symlink(paths_.dump.c_str(), paths_.enable.c_str()) == 0);
     ASSERT_TRUE(c.before[0] == '-' || android::base::WriteStringToFile(c.before, paths_.enable));
     errno = 0;
-    EXPECT_EQ(slab_debug_enable(c.enable, paths_), c.ok);
+    EXPECT_EQ(slab_debug_enable(true, paths_), c.ok);
     if (!c.ok) {
       EXPECT_EQ(errno, c.err);
     }
