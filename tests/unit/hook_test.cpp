@@ -2,10 +2,6 @@
 // The allocator hook's recorder and record texts: grouping and order of a dump, the bound on
 // what the recorder holds, threads recording at once, and the cutting of long texts into
 // records the driver takes.
-#include <dlfcn.h>
-#include <inttypes.h>
-#include <stdio.h>
-#include <sys/auxv.h>
 
 #include <string>
 #include <thread>
@@ -146,20 +142,6 @@ TEST(HookRecords, DumpTexts) {
   EXPECT_EQ(dump_texts(groups, stats, false),
             (std::vector<std::string>{"malloc debug is not enabled: nothing recorded",
                                       "END of malloc debug dump"}));
-}
-
-// A frame names its module, the offset from where the module is mapped (libc is linked at 0,
-// so that is what addr2line takes) and the function from the dynamic symbol table.
-TEST(HookRecords, FrameNamesModuleOffsetAndFunction) {
-  const uintptr_t pc = reinterpret_cast<uintptr_t>(&getauxval) + 4;
-  const std::string line = describe_frame(3, pc);
-  Dl_info libc;
-  ASSERT_NE(dladdr(reinterpret_cast<void*>(pc), &libc), 0);
-  char offset[17];
-  snprintf(offset, sizeof(offset), "%016" PRIxPTR, pc - reinterpret_cast<uintptr_t>(libc.dli_fbase));
-  EXPECT_TRUE(line.starts_with(std::string("  #03 pc ") + offset + "  /")) << line;
-  EXPECT_TRUE(line.ends_with("/libc.so.6 (getauxval+0x4)") ||
-              line.ends_with("/libc.so.6 (__getauxval+0x4)")) << line;
 }
 
 }  // namespace
