@@ -34,11 +34,10 @@ std::string tree(const Sandbox& box, const std::string& inside) {
   return untimed(kestrel_e2e::run_program({"/bin/sh", "-c", list}, {.simulator = false}).out);
 }
 
-// The content of the one report a monitor wrote; "" when it has no folder.
+// The reports a monitor wrote, one after the other; "" when it has no folder.
 std::string report(const Sandbox& box, const std::string& monitor) {
-  std::error_code ec;
-  fs::directory_iterator first(box.host_path(kDaemonFolder + "/" + monitor), ec);
-  return first == fs::directory_iterator() ? "" : kestrel_e2e::read_text(first->path());
+  const std::string cat = "cat '" + box.host_path(kDaemonFolder + "/" + monitor) + "'/* 2>/dev/null";
+  return kestrel_e2e::run_program({"/bin/sh", "-c", cat}, {.simulator = false}).out;
 }
 
 void expect_fatal(const kestrel_e2e::Result& got, const std::string& err) {

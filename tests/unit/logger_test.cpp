@@ -65,7 +65,6 @@ TEST(Logger, PrintsEachMessageLineBehindItsHeader) {
       {1, "kestrel", "m", at + "? kestrel :m\n"},
       {9, "kestrel", "m", at + "? kestrel :m\n"},
       {0xf4, "kestrel", "m", at + "? kestrel :m\n"},
-      {3, "", "m", at + "D         :m\n"},
       {4, "kestrel", many, many_out},
   };
   kestrel_test::clear_log();
