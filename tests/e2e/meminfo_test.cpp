@@ -57,9 +57,7 @@ void expect_runs(const std::vector<Case>& cases) {
 // as wide is printed whole.
 TEST(Meminfo, ColumnGroupsAndTerminalWidth) {
   expect_runs({
-      {{"-f", "-v", "-p", "4200001"},
-       "  fds     pss   JHeap   NHeap dma-buf  ashmem \n"
-       "  412  160000   20000   24000     800     400 \n"},
+      {{"-v", "-p", "4200001"}, "    pss   JHeap   NHeap \n 160000   20000   24000 \n"},
       {{},
        "32   uid   pid  ppid   oom   fds       vss    anon    file   shmem    swap     pss   "
        "JHeap   NHeap dma-buf  ashmem     gpu comm\n"
@@ -82,8 +80,8 @@ TEST(Meminfo, PidUidAndSystemChoiceAndBenchmarkLine) {
       {{"-c", "-p", "4200001", "4200002"}, kCommonHeader + kCommonSecond},
       {{"-c", "-u", "10057"}, kCommonHeader + kCommonSecond},
       {{"-c"}, kCommonHeader + kCommonFirst + kCommonSecond, "", 0, "eintr 0xFB02\n" + kTwoProcs},
-      {{"-b", "-e", "-m", "-p", "4200001"},
-       "    gpu cmdline\n   1200 N/A\n\n"
+      {{"-b", "-e", "-f", "-m", "-p", "4200001"},
+       "  fds dma-buf  ashmem     gpu cmdline\n  412     800     400    1200 N/A\n\n"
        "benchmark: fetch data <t> ms, total <t> ms, struct 92 bytes\n"},
   });
 }
