@@ -18,7 +18,6 @@
 namespace kestrel_e2e {
 namespace {
 
-const std::string kHelperDir = std::string(KESTREL_BUILD_DIR) + "/tests/compact";
 const RunOptions kNoSim{.simulator = false};
 
 // The whole outcome of a run; the elapsed time is the one part that changes from run to run.
@@ -83,7 +82,7 @@ TEST(CompactFallback, KindLabelGoesToTheReclaimFileFromTheFirstEnosysOn) {
       ASSERT_EQ(mkfifo(sandbox.host_path(b_reclaim).c_str(), 0666), 0);
     }
 
-    std::vector<std::string> argv = {kHelperDir + "/compact_nosys"};
+    std::vector<std::string> argv = {KESTREL_BUILD_DIR "/tests/compact/compact_nosys"};
     argv.insert(argv.end(), c.launcher_argv.begin(), c.launcher_argv.end());
     const Result r = sandbox.run_program(argv, kNoSim);
 

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The maps reader on fixtures: every field of a mapping line, names with blanks, lines that are
-// not mappings.
+// The maps reader on fixtures: every field of a mapping line, names with blanks, bad lines.
 #include <stdint.h>
 
 #include <regex>
