@@ -34,6 +34,7 @@ TEST(SmapsWalk, AddsPagesByMappingNameToDriverFigures) {
       {kFixtures + "native.smaps", kStatNativeHeap, 54, 0, 42},
       {kFixtures + "native.smaps", kStatJavaHeap, 54, 0, 0},
       {kFixtures + "java.smaps", kStatJavaHeap, 952, 152, 0},
+      {kFixtures + "java.smaps", kStatPss, 952, 0, 0},
       {kFixtures + "rounding.smaps", kStatSmapsGroup, 3, 0, 0},
       {long_line, kStatNativeHeap, 6, 0, 2},
       {"", kStatPss, 0, 0, 0},  // the default path: this process's own smaps, some pss
