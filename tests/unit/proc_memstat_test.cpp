@@ -61,7 +61,6 @@ TEST(MemStatRequests, BadArgumentsFailWithTheirLogLines) {
   struct Request { char which; unsigned flags; unsigned long arg; std::vector<std::string> log; };
   const Request cases[] = {
       {'P', 0x40000, 1, {"proc-memstat.cpp:N Invalid argument flag 0x40000\n"}},
-      {'U', 0xfffc0000, 1000, {"proc-memstat.cpp:N Invalid argument flag 0xfffc0000\n"}},
       {'S', kStatAll, 0, {"proc-memstat.cpp:N Invalid size 0x0\n"}},
       {'S', kStatAll, 401, {"proc-memstat.cpp:N Invalid size 0x401\n"}},
       {'S', kStatAll, 400, kNoDriver},

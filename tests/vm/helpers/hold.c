@@ -39,10 +39,8 @@ int main(int argc, char **argv)
 		default: return 2; // getopt has said why
 		}
 	}
-	if (optind != argc - 1) {
-		fprintf(stderr, "usage: hold [-u UID] [-c CHILDREN] [-g GAP_MIB] [-l] MIB\n");
+	if (optind != argc - 1)
 		return 2;
-	}
 	const size_t mib = strtoul(argv[optind], NULL, 10);
 	const size_t page = (size_t)sysconf(_SC_PAGESIZE);
 	const size_t gap = (size_t)gap_mib << 20, len = mib << 20;
@@ -68,35 +66,28 @@ int main(int argc, char **argv)
 	}
 	// SIGTERM ends the parent only after it has reaped every child, so no zombie outlives a
 	// check; SIGKILL still takes the children along through their death signal.
-	const pid_t parent = getpid();
 	signal(SIGTERM, on_term);
 	pid_t *kids = calloc((size_t)children + 1, sizeof(*kids));
-	long started = 0;
-	for (; kids && started < children; started++) {
-		const pid_t child = fork();
-		if (child < 0) {
-			perror("fork");
-			break;
+	for (long i = 0; i < children; i++) {
+		kids[i] = fork();
+		if (kids[i] < 0) {
+			perror("fork"); // the children started so far die with this process
+			return 1;
 		}
-		if (child == 0) {
-			signal(SIGTERM, SIG_DFL);
+		if (kids[i] == 0) {
 			prctl(PR_SET_PDEATHSIG, SIGKILL);
-			if (getppid() != parent)
-				_exit(0);
 			for (;;)
 				pause();
 		}
-		kids[started] = child;
 	}
-	if (started == children)
-		printf("ready %d\n", (int)parent);
+	printf("ready %d\n", (int)getpid());
 	fflush(stdout);
-	while (started == children && !stopping)
+	while (!stopping)
 		pause();
-	for (long i = 0; i < started; i++)
+	for (long i = 0; i < children; i++)
 		kill(kids[i], SIGKILL);
-	for (long i = 0; i < started; i++)
+	for (long i = 0; i < children; i++)
 		waitpid(kids[i], NULL, 0);
 	free(kids);
-	return started == children ? 0 : 1;
+	return 0;
 }
