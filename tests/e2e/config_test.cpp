@@ -64,7 +64,6 @@ TEST(ConfigE2E, LoadPrintsTheChosenGroupsOrEndsWithItsStatus) {
   } cases[] = {
       {{"--load", "all", "--file", file}, kZramOpt + kZram0 + kChpZram, "", 0},
       {{"--load", "zram_opt", "--file", file}, kZramOpt, "", 0},
-      {{"--load", "zram0", "--file", file}, kZram0, "", 0},
       {{"--load", "chp_zram", "--file", file}, kChpZram, "", 0},
       {{}, "", kUsage, 129},
       {{"--load", "ALL", "--file", "/nonexistent"}, "invalid load option: ALL\n", "", 255},

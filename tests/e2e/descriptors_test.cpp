@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // Descriptors end to end: every command, on its normal and on its failure endings, must end
-// holding no descriptor it opened beyond those it keeps on purpose: the cached descriptors of
-// /dev/kestrel, and the aging daemon's two logs and its /proc/meminfo reader. The descriptor
-// report preloaded beside the simulator lists what the program still holds as it calls exit().
-// One ending stands for those that open nothing (refused arguments, a process that is gone) and
-// one for those that hold what it holds on the way to the same exit.
+// holding no descriptor it opened beyond those it keeps on purpose (the driver's, the daemon's
+// logs and meminfo reader), as the report preloaded beside the simulator lists them at exit().
+// One ending stands for those that open nothing and one for those that hold what it holds on the
+// way to the same exit.
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>

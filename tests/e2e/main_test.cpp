@@ -43,7 +43,6 @@ TEST(Version, AsksTheDriver) {
   const std::string fatal = "fatal: cannot get kestrel version.\n", asked = "open O_RDONLY\n0xFA01\n";
   const Case cases[] = {
       {"version 131077\n", {"version", "extra", "words"}, "kestrel version 2.5\n", "", asked},
-      {"", {"version"}, "kestrel version 1.0\n", "", asked},
       {"eintr open\neintr 0xFA01\nversion 65539\n", {"version"}, "kestrel version 1.3\n", "",
        "open O_RDONLY\nopen O_RDONLY\n0xFA01\n0xFA01\n"},
       {"device absent\n", {"version"}, "", fatal, "open O_RDONLY\n"},

@@ -37,7 +37,6 @@ std::string text_block(int index, uint64_t align) {
          "  MemSz:  0x0000000000005678\n  Flags:  0x00000005\n  Align:  " + std::to_string(align) + "\n";
 }
 
-// Files to check are written to a folder; the driver simulator traces every request.
 TEST(Utils, EachModeGivesItsExactStreamsStatusAndDriverRequests) {
   TempDir dir;
   const Elf64_Phdr phdr = {.p_type = PT_PHDR, .p_align = 8}, interp = {.p_type = PT_INTERP, .p_align = 1};
@@ -88,9 +87,7 @@ TEST(UtilsElfAlign, DeviceWalkListsShortAlignedFilesOfPartitionsOnly) {
   box.write_file("/apex/com.android.vndk.v33/lib64/libvndk.so", small);
   box.write_file("/apex/com.android.runtime/lib64/bionic/libc.so",
                  elf_image({elf_load(65536), elf_load(8192), elf_load(4096)}));
-  box.write_file("/system_ext/lib64/libext.so", small);
   box.make_symlink("/vendor/lib64/libsmall.so", "/product/lib64/liblink.so");
-  box.make_symlink("/vendor", "/product/vendor");
   box.write_file("/data/vendor/lib/libdata.so", small);
   // "/odm" is mounted but missing, and /vendor/secret cannot be read once root gives up the
   // capabilities that read any directory: both are skipped with a message, the walk goes on.
@@ -102,7 +99,6 @@ TEST(UtilsElfAlign, DeviceWalkListsShortAlignedFilesOfPartitionsOnly) {
   EXPECT_EQ(std::tie(r.out, r.err, r.status),
             std::tuple("16kB support is only required on V and later releases.\n"
                        "/apex/com.android.runtime/lib64/bionic/libc.so 8192\n"
-                       "/system_ext/lib64/libext.so 4096\n"
                        "/vendor/lib64/libsmall.so 4096\n",
                        "error: cannot read directory /odm: No such file or directory\n"
                        "error: cannot read directory /vendor/secret: Permission denied\n", 0));

@@ -40,8 +40,7 @@ std::string shown(const Configure& cfg) {
 }
 
 TEST(LoadConfig, ReadsTheTierSectionOverItsDefaultsOrFailsWithOneMessage) {
-  const std::string empty = kDir + "empty_sections.xml", groups = kDir + "groups.xml",
-                    invalid = kDir + "invalid_values.xml",
+  const std::string groups = kDir + "groups.xml", invalid = kDir + "invalid_values.xml",
                     sample = KESTREL_FIXTURES "/../../examples/tarvo_mm_config.xml";
   const struct {
     std::string path;
@@ -49,7 +48,6 @@ TEST(LoadConfig, ReadsTheTierSectionOverItsDefaultsOrFailsWithOneMessage) {
     Configure expected;
     std::string err;  // a failed load prints only this
   } cases[] = {
-      {empty, 12, Configure::Defaults(12)},
       {groups, 8, {6000, 1500, 4000, 0, "zstd", {1000, 2000, 3000, "lzo-rle", "zstd"}, 99, 77, 8}},
       {groups, 12, {4096, 2048, 0, 1, "lz4", {7168, 7168, 7168, "lz4", "lz4hc"}, 160, 30, 12}},
       {groups, 1, {768, 2048, 111, 1, "lz4", {0, 0, 0, "lz4", "zstdn"}, 160, 60, 1}},
@@ -62,8 +60,6 @@ TEST(LoadConfig, ReadsTheTierSectionOverItsDefaultsOrFailsWithOneMessage) {
       {groups, 16, {}, "error: no <memory_16g> element found\n\n"},
       {invalid, 1, {}, "error: invalid disk_size_mb value\n\n"},
       {invalid, 2, {}, "error: invalid comp_algorithm value\n\n"},
-      {invalid, 3, {}, "error: invalid direct_swappiness value\n\n"},
-      {invalid, 4, {}, "error: invalid limit_size value\n\n"},
   };
   for (const auto& c : cases) {
     Configure cfg;
