@@ -44,18 +44,14 @@ std::string read_text(const std::string& path) {
 namespace {
 
 // The harness itself could not do its part (a full /tmp, no pipes left): no test result means
-// anything after that.
-[[noreturn]] void harness_fail(const std::string& what) {
-  fprintf(stderr, "harness: %s: %s\n", what.c_str(), strerror(errno));
-  abort();
-}
-
-// Reports a failed call of the child on its standard error and ends it with status 127.
-[[noreturn]] void child_fail(const char* what) {
+// anything after that. A child between fork and exec reports on its standard error (with system
+// calls only) and ends with status 127.
+[[noreturn]] void harness_fail(const char* what, bool in_child = false) {
   char line[256];
   int n = snprintf(line, sizeof(line), "harness: %s: %s\n", what, strerror(errno));
   (void)!write(2, line, static_cast<size_t>(n));
-  _exit(127);
+  if (in_child) _exit(127);
+  abort();
 }
 
 // Makes `path` (a folder, with its parents) or, given `content`, a file with that content, with
@@ -64,15 +60,15 @@ void make_path(const std::string& path, mode_t mode, const std::string* content 
   std::error_code error;
   fs::create_directories(content ? fs::path(path).parent_path() : fs::path(path), error);
   if (content != nullptr && !(std::ofstream(path, std::ios::binary) << *content << std::flush)) {
-    harness_fail(path);
+    harness_fail(path.c_str());
   }
   fs::permissions(path, static_cast<fs::perms>(mode), error);
-  if (error) harness_fail(path);
+  if (error) harness_fail(path.c_str());
 }
 
 std::string make_temp_dir(const char* prefix) {
   std::string templ = std::string("/tmp/") + prefix + "-XXXXXX";
-  if (mkdtemp(templ.data()) == nullptr) harness_fail(templ);
+  if (mkdtemp(templ.data()) == nullptr) harness_fail(templ.c_str());
   return templ;
 }
 
@@ -110,24 +106,23 @@ struct SandboxPlan {
   std::string asan_without_leaks;
 
   void enter(std::vector<char*>& env) {
-    if (unshare(CLONE_NEWNS) < 0) child_fail("unshare");
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) < 0) child_fail("mount private");
+    if (unshare(CLONE_NEWNS) < 0) harness_fail("unshare", true);
+    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) < 0) harness_fail("mount private", true);
     for (const auto& [source, target] : binds) {
       if (mount(source.c_str(), target.c_str(), nullptr, MS_BIND | MS_REC, nullptr) < 0) {
-        child_fail(source.c_str());
+        harness_fail(source.c_str(), true);
       }
       // A read-only remount must keep the flags the original mount is locked with.
-      struct statvfs st;
-      unsigned long keep = 0;
-      if (statvfs(source.c_str(), &st) == 0) {
-        keep = st.f_flag & (ST_NOSUID | ST_NODEV | ST_NOEXEC | ST_NOATIME | ST_NODIRATIME | ST_RELATIME);
-      }
+      struct statvfs st = {};
+      statvfs(source.c_str(), &st);
+      const unsigned long keep =
+          st.f_flag & (ST_NOSUID | ST_NODEV | ST_NOEXEC | ST_NOATIME | ST_NODIRATIME | ST_RELATIME);
       if (mount(nullptr, target.c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY | keep, nullptr) < 0) {
-        child_fail(target.c_str());
+        harness_fail(target.c_str(), true);
       }
     }
-    if (chroot(root.c_str()) < 0) child_fail("chroot");
-    if (chdir("/") < 0) child_fail("chdir");
+    if (chroot(root.c_str()) < 0) harness_fail("chroot", true);
+    if (chdir("/") < 0) harness_fail("chdir", true);
     // LeakSanitizer, at the exit of a sanitized program, stops its threads and finds them in
     // /proc/<pid>/task by number, not through /proc/self. So the fixture /proc gets the child's
     // own entry, a link to the real one; walks of /proc leave the program itself out. Where the
@@ -151,12 +146,12 @@ std::vector<char*> c_strings(std::vector<std::string>& strings) {
 
 // Collects the child's output until both streams end, killing the child (and what it started)
 // when the time runs out.
-void collect(pid_t pid, int timeout_ms, int out, int err, Result* result) {
+void collect(pid_t pid, int out, int err, Result* result) {
   const int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
   std::string* sinks[] = {&result->out, &result->err};
   int readers[] = {out, err};
   using Clock = std::chrono::steady_clock;
-  Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+  Clock::time_point deadline = Clock::now() + std::chrono::seconds(20);
   bool exited = false;
   while (readers[0] >= 0 || readers[1] >= 0) {
     pollfd fds[3] = {{readers[0], POLLIN, 0}, {readers[1], POLLIN, 0}, {exited ? -1 : pidfd, POLLIN, 0}};
@@ -217,12 +212,12 @@ Result launch(std::vector<std::string> argv, std::vector<std::string> env, const
     signal(SIGPIPE, SIG_DFL);
     if (sandbox != nullptr) sandbox->enter(c_env);
     execve(c_argv[0], c_argv.data(), c_env.data());
-    child_fail(c_argv[0]);
+    harness_fail(c_argv[0], true);
   }
   close(out[1]);
   close(err[1]);
   Result result;
-  collect(pid, opts.timeout_ms, out[0], err[0], &result);
+  collect(pid, out[0], err[0], &result);
   int status = 0;
   TEMP_FAILURE_RETRY(waitpid(pid, &status, 0));
   result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
@@ -316,7 +311,7 @@ void Sandbox::make_symlink(const std::string& target, const std::string& inside)
   fs::create_directories(fs::path(host_path(inside)).parent_path(), error);
   fs::remove(host_path(inside), error);
   fs::create_symlink(target, host_path(inside), error);
-  if (error) harness_fail(inside);
+  if (error) harness_fail(inside.c_str());
 }
 
 std::string Sandbox::read_file(const std::string& inside) const { return read_text(host_path(inside)); }
@@ -343,18 +338,13 @@ Result Sandbox::run_program(const std::vector<std::string>& argv, const RunOptio
   // Other programs may lay out their own entry in /proc; a kestrel they start is not checked
   // for leaks.
   plan.own_entry = !argv.empty() && argv[0] == kestrel_binary();
-  std::string scenario_path;
-  if (opts.simulator && !opts.scenario.empty()) {
-    scenario_path = "/tmp/.kestrel-sim-scenario";
-    write_file(scenario_path, opts.scenario);
-  }
-  std::vector<std::string> env = child_env(opts, scenario_path);
+  const std::string scenario = opts.simulator && !opts.scenario.empty() ? "/tmp/.kestrel-sim-scenario" : "";
+  if (!scenario.empty()) write_file(scenario, opts.scenario);
+  std::vector<std::string> env = child_env(opts, scenario);
   for (const std::string& e : env) {
     if (e.starts_with("ASAN_OPTIONS=")) plan.asan_without_leaks = e + ":detect_leaks=0";
   }
-  Result result = launch(argv, env, opts, &plan);
-  if (!scenario_path.empty()) unlink(host_path(scenario_path).c_str());
-  return result;
+  return launch(argv, env, opts, &plan);
 }
 
 }  // namespace kestrel_e2e

@@ -14,7 +14,7 @@ struct Result {
   std::string out;     // standard output (the terminal's output when run on a pty)
   std::string err;     // standard error
   int status = -1;     // exit status, or 128 + signal number when killed by a signal
-  bool timed_out = false;
+  bool timed_out = false;  // killed after 20 s
 };
 
 struct RunOptions {
@@ -23,7 +23,6 @@ struct RunOptions {
   std::string scenario;
   bool simulator = true;
   std::vector<std::string> env;      // extra "NAME=value" entries, LD_PRELOAD too; TZ=UTC is set
-  int timeout_ms = 20000;            // the child is killed after this long (timed_out set)
   bool pty = false;                  // standard output on a pseudo-terminal of pty_cols columns
   unsigned pty_cols = 80;
 };
@@ -31,7 +30,6 @@ struct RunOptions {
 // Paths of the build under test, as the build defines them for the end-to-end tests.
 inline std::string kestrel_binary() { return KESTREL_BINARY; }
 inline std::string simulator_library() { return KESTREL_SIM_LIBRARY; }
-inline std::string simulator_wrapper() { return KESTREL_SIM_WRAPPER; }  // the copied kestrel-sim
 inline std::string fd_report_library() { return KESTREL_FD_REPORT_LIBRARY; }  // reports held descriptors
 inline std::string fixtures_dir() { return KESTREL_FIXTURES; }
 

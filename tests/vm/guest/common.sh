@@ -52,7 +52,6 @@ stop() {
 # zram_on MIB: swap on a fresh zram device of MIB MiB. zram_off undoes it.
 zram_on() {
 	modprobe zram 2>/dev/null || return 1
-	echo 1 >/sys/block/zram0/reset 2>/dev/null
 	echo "$(($1 * 1024 * 1024))" >/sys/block/zram0/disksize || return 1
 	mkswap /dev/zram0 >/dev/null 2>&1 || return 1
 	swapon /dev/zram0 2>/dev/null

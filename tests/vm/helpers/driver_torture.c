@@ -27,7 +27,6 @@
 // A table request big enough for every process the driver reports.
 #define TABLE_BUFFER_SIZE (sizeof(struct kestrel_proc_size_msu) + KESTREL_MAX_COUNT * RECORD_SIZE)
 
-static const char *check_name;
 static char failure[512];
 
 static pthread_mutex_t failure_lock = PTHREAD_MUTEX_INITIALIZER;
@@ -43,9 +42,9 @@ static void fail(const char *fmt, ...) {
   pthread_mutex_unlock(&failure_lock);
 }
 
-static int report(void) {
-  if (failure[0]) printf("vmcheck: FAIL %s: %s\n", check_name, failure);
-  else printf("vmcheck: PASS %s\n", check_name);
+static int report(const char *check) {
+  if (failure[0]) printf("vmcheck: FAIL %s: %s\n", check, failure);
+  else printf("vmcheck: PASS %s\n", check);
   return failure[0] != 0;
 }
 
@@ -78,9 +77,7 @@ static long table(int fd, struct kestrel_proc_size_msu *t, uint32_t flags, uint3
 }
 
 static int check_badinput(void) {
-  check_name = "driver-badinput";
-  int fd = open_dev(O_RDWR);
-  if (fd < 0) return report();
+  int fd = open_dev(O_RDWR);  // failing, it fails every call below after its own message
   // A page followed by an inaccessible one: a table placed at its end runs into the guard.
   long page = sysconf(_SC_PAGESIZE);
   unsigned char *guard = mmap(NULL, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -96,13 +93,10 @@ static int check_badinput(void) {
   payload[KESTREL_LOG_MAX_PAYLOAD] = 0;
   static char rec[KESTREL_LOG_MAX_RECORD + 16];
 
-  struct kestrel_scene scene2 = {0, 2, 0}, reserved_set = {1, 0, 0};
   struct kestrel_proc_pid_ms unknown_pid = {.flags = KESTREL_STAT_ALL, .pid = 0x3fffffff};
   struct kestrel_proc_pid_ms no_flag = {.flags = 0, .pid = getpid()};
   drain(fd);
-  expect(ioctl(fd, 0xFB04, NULL), -1, ENOTTY, "unknown request 0xFB04");
-  expect(ioctl(fd, KESTREL_IOC_SET_SCENE, &scene2), -1, EINVAL, "scene 2 (only 0 and 1 exist)");
-  expect(ioctl(fd, KESTREL_IOC_SET_SCENE, &reserved_set), -1, EINVAL, "scene with a reserved word set");
+  expect(ioctl(fd, KESTREL_IOC_SET_SCENE, &(struct kestrel_scene){0, 2, 0}), -1, EINVAL, "scene 2 of 0..1");
   expect(ioctl(fd, KESTREL_IOC_SET_SCENE, unmapped), -1, EFAULT, "scene at unmapped address");
   expect(ioctl(fd, KESTREL_IOC_PID_MEMSTAT, &unknown_pid), -1, ESRCH, "unknown pid");
   expect(ioctl(fd, KESTREL_IOC_PID_MEMSTAT, &no_flag), -1, EINVAL, "pid request without a flag");
@@ -126,35 +120,28 @@ static int check_badinput(void) {
   expect(read(fd, unmapped, sizeof rec), -1, EFAULT, "read into unmapped buffer");
   expect(read(fd, rec, sizeof rec), 32 + 11, 0, "read after a faulting read");
 
-  // A table of 2 asking for pid and name only: count comes back 2, the figures not asked for
-  // stay zero (pid 1 has a vss), and nothing is written past the second record. (That a table
-  // lists every process, check-meminfo's meminfo-table shows.)
+  // A table of 2 leaves the bytes after its second record alone. (That a table lists every
+  // process, with the count it filled, check-meminfo's meminfo-table shows.)
   memset(t, 0xa5, TABLE_BUFFER_SIZE);
-  if (table(fd, t, KESTREL_STAT_PID | KESTREL_STAT_COMM, 2) != 0 || t->count != 2)
-    fail("table of 2: %s, count %u on return", strerror(errno), t->count);
-  for (int i = 0; i < 2; i++)
-    if (t->ms[i].uid || t->ms[i].vss) fail("table of 2: pid %d has figures not asked for", t->ms[i].pid);
+  if (table(fd, t, KESTREL_STAT_ALL, 2) != 0) fail("table of 2: %s", strerror(errno));
   memset(rec, 0xa5, RECORD_SIZE);
   if (memcmp(&t->ms[2], rec, RECORD_SIZE) != 0) fail("table of 2: bytes written past the second record");
   free(t);
   close(fd);
-  return report();
+  return report("driver-badinput");
 }
 
 // 4 writers and 4 readers. Writers hold back while any reader is more than WINDOW records
-// behind, so every reader keeps up and must see every record whole and in order; a fifth
-// reader sleeps through the run and must see only whole records, in order, from wherever
-// the ring had moved on to. Each payload is written in two pieces, which must make one record
-// stamped with the writer's pid, tid and the time. Meanwhile the main thread walks the process
-// table while a child keeps forking children that exit at once: every table must be whole and
-// in ascending pid order.
+// behind, so every reader keeps up and must see every record whole and in order. Each payload
+// is written in two pieces, which must make one record. Meanwhile the main thread walks the
+// process table while a child keeps forking children that exit at once: every table must be
+// whole and in ascending pid order.
 enum { WRITERS = 4, READERS = 4, WINDOW = 64 };
 
 static volatile int stop, writers_done;
 static long total_written;  // by all writers, final once writers_done is set
 static long consumed[READERS];
 static int reader_fd[READERS];
-static pid_t writer_tid[WRITERS];
 
 static size_t make_payload(char *buf, int w, long seq) {
   size_t len = (size_t)snprintf(buf, 64, "%ctorture%c%d %ld ", 4, 0, w, seq);
@@ -179,7 +166,6 @@ static void *writer(void *arg) {
   int w = (int)(intptr_t)arg;
   char buf[1024];
   int fd = open_dev(O_WRONLY);
-  writer_tid[w] = gettid();
   for (long seq = 0; fd >= 0 && !stop; seq++) {
     while (!stop && backlog() > WINDOW) sched_yield();
     size_t len = make_payload(buf, w, seq);
@@ -197,7 +183,7 @@ static void *writer(void *arg) {
 
 // Checks one record read from the driver (the log holds only the writers' records); 0 when it
 // is not one of them at all.
-static int check_record(const char *rec, ssize_t n, long next[WRITERS], int lagging) {
+static int check_record(const char *rec, ssize_t n, long next[WRITERS]) {
   const struct kestrel_log_entry *e = (const void *)rec;
   char want[1024];
   int w;
@@ -209,10 +195,7 @@ static int check_record(const char *rec, ssize_t n, long next[WRITERS], int lagg
   }
   size_t len = make_payload(want, w, seq);
   if (len != e->len || memcmp(want, e->msg, len) != 0) fail("torn record from writer %d seq %ld", w, seq);
-  if (e->pid != getpid() || e->tid != writer_tid[w] || e->sec < 1000000000)
-    fail("record stamped %d/%d at %lld s", e->pid, e->tid, (long long)e->sec);
-  if (seq != next[w] && !(lagging && seq > next[w]))
-    fail("writer %d: seq %ld after %ld%s", w, seq, next[w] - 1, lagging ? "" : " (record lost)");
+  if (seq != next[w]) fail("writer %d: seq %ld after %ld", w, seq, next[w] - 1);
   next[w] = seq + 1;
   return 1;
 }
@@ -234,7 +217,7 @@ static void *reader(void *arg) {
       fail("reader %d: %s", index, strerror(errno));
       break;
     }
-    if (check_record(rec, n, next, 0)) __atomic_add_fetch(&consumed[index], 1, __ATOMIC_RELEASE);
+    if (check_record(rec, n, next)) __atomic_add_fetch(&consumed[index], 1, __ATOMIC_RELEASE);
   }
   if (consumed[index] != total_written)
     fail("reader %d got %ld of %ld records", index, consumed[index], total_written);
@@ -242,15 +225,12 @@ static void *reader(void *arg) {
 }
 
 static int check_race(int seconds) {
-  check_name = "driver-race";
   pthread_t rt[READERS], wt[WRITERS];
-  int lag = open_dev(O_RDONLY);
+  int walker = open_dev(O_RDONLY);
   for (int r = 0; r < READERS; r++) {
     reader_fd[r] = open_dev(O_RDONLY);
-    if (reader_fd[r] < 0 || lag < 0) return report();
     drain(reader_fd[r]);
   }
-  drain(lag);
   pid_t churn = fork();  // before any thread of ours
   if (churn == 0)
     for (;;) {
@@ -261,11 +241,8 @@ static int check_race(int seconds) {
   for (int r = 0; r < READERS; r++) pthread_create(&rt[r], NULL, reader, (void *)(intptr_t)r);
   for (int w = 0; w < WRITERS; w++) pthread_create(&wt[w], NULL, writer, (void *)(intptr_t)w);
   struct kestrel_proc_size_msu *t = malloc(TABLE_BUFFER_SIZE);
-  long tables = 0;
-  for (time_t end = time(NULL) + seconds; time(NULL) < end; tables++) {
-    t->flags = KESTREL_STAT_ALL;
-    t->count = KESTREL_MAX_COUNT;
-    if (ioctl(lag, KESTREL_IOC_SIZE_MEMSTATS, t) != 0) {
+  for (time_t end = time(NULL) + seconds; time(NULL) < end;) {
+    if (table(walker, t, KESTREL_STAT_ALL, KESTREL_MAX_COUNT) != 0) {
       fail("table: %s", strerror(errno));
       break;
     }
@@ -279,19 +256,10 @@ static int check_race(int seconds) {
   for (int w = 0; w < WRITERS; w++) pthread_join(wt[w], NULL);
   __atomic_store_n(&writers_done, 1, __ATOMIC_RELEASE);
   for (int r = 0; r < READERS; r++) pthread_join(rt[r], NULL);
-
-  long next[WRITERS] = {0};
-  long lagged = 0;
-  char rec[KESTREL_LOG_MAX_RECORD];
-  for (ssize_t n; (n = read(lag, rec, sizeof rec)) > 0;)
-    if (check_record(rec, n, next, 1)) lagged++;
-  if (errno != EAGAIN) fail("lagging reader: %s before the log was empty", strerror(errno));
-  printf("vmlog: driver-race: %ld records by %d writers, each read by %d readers; a lagging reader kept %ld; "
-         "%ld process tables\n", total_written, WRITERS, READERS, lagged, tables);
   if (total_written < 200) fail("only %ld records written", total_written);  // the race barely ran
   for (int r = 0; r < READERS; r++) close(reader_fd[r]);
-  close(lag);
-  return report();
+  close(walker);
+  return report("driver-race");
 }
 
 int main(int argc, char **argv) {
