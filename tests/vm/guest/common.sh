@@ -39,7 +39,7 @@ start_hold() {
 	shift
 	"$HELPERS/hold" "$@" >"$_out" 2>&1 &
 	HOLD_PID=$!
-	wait_for 60 grep -q '^ready' "$_out"
+	wait_for 60 grep -qs '^ready' "$_out"
 }
 
 # stop PID...: ends background processes this check started and reaps them. SIGTERM lets the

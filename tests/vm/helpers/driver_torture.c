@@ -96,6 +96,7 @@ static int check_badinput(void) {
   struct kestrel_proc_pid_ms unknown_pid = {.flags = KESTREL_STAT_ALL, .pid = 0x3fffffff};
   struct kestrel_proc_pid_ms no_flag = {.flags = 0, .pid = getpid()};
   drain(fd);
+  expect(ioctl(fd, 0xFB04, NULL), -1, ENOTTY, "unknown request 0xFB04");
   expect(ioctl(fd, KESTREL_IOC_SET_SCENE, &(struct kestrel_scene){0, 2, 0}), -1, EINVAL, "scene 2 of 0..1");
   expect(ioctl(fd, KESTREL_IOC_SET_SCENE, unmapped), -1, EFAULT, "scene at unmapped address");
   expect(ioctl(fd, KESTREL_IOC_PID_MEMSTAT, &unknown_pid), -1, ESRCH, "unknown pid");
@@ -120,10 +121,13 @@ static int check_badinput(void) {
   expect(read(fd, unmapped, sizeof rec), -1, EFAULT, "read into unmapped buffer");
   expect(read(fd, rec, sizeof rec), 32 + 11, 0, "read after a faulting read");
 
-  // A table of 2 leaves the bytes after its second record alone. (That a table lists every
-  // process, with the count it filled, check-meminfo's meminfo-table shows.)
+  // A table of 2 asking for pid and name only: the figures not asked for stay zero (pid 1 has a
+  // vss) and nothing is written past the second record. (That a table lists every process, with
+  // the count it filled, check-meminfo's meminfo-table shows.)
   memset(t, 0xa5, TABLE_BUFFER_SIZE);
-  if (table(fd, t, KESTREL_STAT_ALL, 2) != 0) fail("table of 2: %s", strerror(errno));
+  if (table(fd, t, KESTREL_STAT_PID | KESTREL_STAT_COMM, 2) != 0) fail("table of 2: %s", strerror(errno));
+  for (int i = 0; i < 2; i++)
+    if (t->ms[i].uid || t->ms[i].vss) fail("table of 2: pid %d has figures not asked for", t->ms[i].pid);
   memset(rec, 0xa5, RECORD_SIZE);
   if (memcmp(&t->ms[2], rec, RECORD_SIZE) != 0) fail("table of 2: bytes written past the second record");
   free(t);
@@ -132,8 +136,10 @@ static int check_badinput(void) {
 }
 
 // 4 writers and 4 readers. Writers hold back while any reader is more than WINDOW records
-// behind, so every reader keeps up and must see every record whole and in order. Each payload
-// is written in two pieces, which must make one record. Meanwhile the main thread walks the
+// behind, so every reader keeps up and must see every record whole and in order; a fifth
+// reader sleeps through the run and must then see only whole records, in order, from wherever
+// the ring had moved on to. Each payload is written in two pieces, which must make one record
+// stamped with the writer's pid, tid and the time. Meanwhile the main thread walks the
 // process table while a child keeps forking children that exit at once: every table must be
 // whole and in ascending pid order.
 enum { WRITERS = 4, READERS = 4, WINDOW = 64 };
@@ -142,6 +148,7 @@ static volatile int stop, writers_done;
 static long total_written;  // by all writers, final once writers_done is set
 static long consumed[READERS];
 static int reader_fd[READERS];
+static pid_t writer_tid[WRITERS];
 
 static size_t make_payload(char *buf, int w, long seq) {
   size_t len = (size_t)snprintf(buf, 64, "%ctorture%c%d %ld ", 4, 0, w, seq);
@@ -166,6 +173,7 @@ static void *writer(void *arg) {
   int w = (int)(intptr_t)arg;
   char buf[1024];
   int fd = open_dev(O_WRONLY);
+  writer_tid[w] = gettid();
   for (long seq = 0; fd >= 0 && !stop; seq++) {
     while (!stop && backlog() > WINDOW) sched_yield();
     size_t len = make_payload(buf, w, seq);
@@ -183,7 +191,7 @@ static void *writer(void *arg) {
 
 // Checks one record read from the driver (the log holds only the writers' records); 0 when it
 // is not one of them at all.
-static int check_record(const char *rec, ssize_t n, long next[WRITERS]) {
+static int check_record(const char *rec, ssize_t n, long next[WRITERS], int lagging) {
   const struct kestrel_log_entry *e = (const void *)rec;
   char want[1024];
   int w;
@@ -195,7 +203,10 @@ static int check_record(const char *rec, ssize_t n, long next[WRITERS]) {
   }
   size_t len = make_payload(want, w, seq);
   if (len != e->len || memcmp(want, e->msg, len) != 0) fail("torn record from writer %d seq %ld", w, seq);
-  if (seq != next[w]) fail("writer %d: seq %ld after %ld", w, seq, next[w] - 1);
+  if (e->pid != getpid() || e->tid != writer_tid[w] || e->sec < 1000000000)
+    fail("record stamped %d/%d at %lld s", e->pid, e->tid, (long long)e->sec);
+  if (seq != next[w] && !(lagging && seq > next[w]))  // a lagging reader may have lost the oldest
+    fail("writer %d: seq %ld after %ld", w, seq, next[w] - 1);
   next[w] = seq + 1;
   return 1;
 }
@@ -217,7 +228,7 @@ static void *reader(void *arg) {
       fail("reader %d: %s", index, strerror(errno));
       break;
     }
-    if (check_record(rec, n, next)) __atomic_add_fetch(&consumed[index], 1, __ATOMIC_RELEASE);
+    if (check_record(rec, n, next, 0)) __atomic_add_fetch(&consumed[index], 1, __ATOMIC_RELEASE);
   }
   if (consumed[index] != total_written)
     fail("reader %d got %ld of %ld records", index, consumed[index], total_written);
@@ -227,6 +238,7 @@ static void *reader(void *arg) {
 static int check_race(int seconds) {
   pthread_t rt[READERS], wt[WRITERS];
   int walker = open_dev(O_RDONLY);
+  drain(walker);
   for (int r = 0; r < READERS; r++) {
     reader_fd[r] = open_dev(O_RDONLY);
     drain(reader_fd[r]);
@@ -256,6 +268,12 @@ static int check_race(int seconds) {
   for (int w = 0; w < WRITERS; w++) pthread_join(wt[w], NULL);
   __atomic_store_n(&writers_done, 1, __ATOMIC_RELEASE);
   for (int r = 0; r < READERS; r++) pthread_join(rt[r], NULL);
+  // The walker's descriptor is the sleeping reader: it has read nothing yet.
+  long next[WRITERS] = {0};
+  char rec[KESTREL_LOG_MAX_RECORD];
+  ssize_t n;
+  while ((n = read(walker, rec, sizeof rec)) > 0) check_record(rec, n, next, 1);
+  if (errno != EAGAIN) fail("lagging reader: %s before the log was empty", strerror(errno));
   if (total_written < 200) fail("only %ld records written", total_written);  // the race barely ran
   for (int r = 0; r < READERS; r++) close(reader_fd[r]);
   close(walker);
